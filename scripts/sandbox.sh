@@ -1,0 +1,75 @@
+#!/usr/bin/env bash
+# Runs a command as root inside a private mount namespace in which the
+# system folders the daemon uses are replaced by folders of a sandbox:
+#
+#   <sandbox>/Library       is mounted on /Library
+#   <sandbox>/Applications  is mounted on /Applications
+#   <sandbox>/home          is mounted on the home folder of root (/root)
+#   <sandbox>/bin/*         shadow same-named tools in /bin (for /bin/launchctl)
+#
+# Nothing of the real machine's /Library, /Applications, /root or /bin is
+# touched: the command sees a new root made of bind mounts of the real
+# top-level folders plus the sandbox's, and everything vanishes with the
+# namespace when the command ends. Network and processes stay shared, so a
+# loopback server started outside is reachable inside.
+#
+# With SANDBOX_NETWORK=none the command also gets a network namespace of its
+# own with no interface up, so nothing it sends can leave it.
+#
+# Usage: sandbox.sh <sandbox-dir> <command> [args...]
+set -euo pipefail
+
+if [ $# -lt 2 ]; then
+  echo "usage: $0 <sandbox-dir> <command> [args...]" >&2
+  exit 2
+fi
+
+sandbox=$(realpath "$1"); shift
+for d in Library Applications home bin; do mkdir -p "$sandbox/$d"; done
+
+if [ "${SANDBOX_INSIDE:-}" != 1 ]; then
+  namespaces=(--mount --propagation private)
+  [ "${SANDBOX_NETWORK:-}" = none ] && namespaces+=(--net)
+  [ "$(id -u)" -eq 0 ] || namespaces=(--user --map-root-user "${namespaces[@]}")
+  exec env SANDBOX_INSIDE=1 unshare "${namespaces[@]}" "$0" "$sandbox" "$@"
+fi
+
+# Inside the namespace: build the new root on a tmpfs.
+root="$sandbox/.root"
+mkdir -p "$root"
+mount -t tmpfs -o mode=0755 sandbox-root "$root"
+for entry in /*; do
+  name=${entry#/}
+  case "$name" in
+    Library|Applications|bin) continue ;;
+  esac
+  if [ -L "$entry" ]; then
+    cp -P "$entry" "$root/$name"
+  elif [ -d "$entry" ]; then
+    mkdir "$root/$name"
+    if [ "$name" = tmp ]; then
+      # Not recursive: the new root itself may be mounted below /tmp.
+      mount --bind "$entry" "$root/$name"
+    else
+      mount --rbind "$entry" "$root/$name"
+    fi
+  fi
+done
+
+# /bin: the sandbox's tools over the real ones (a read-only overlay).
+realbin=$(realpath /bin)
+mkdir "$root/bin"
+if [ -n "$(ls -A "$sandbox/bin")" ]; then
+  mount -t overlay sandbox-bin -o "lowerdir=$sandbox/bin:$realbin" "$root/bin"
+else
+  mount --bind "$realbin" "$root/bin"
+fi
+
+mkdir "$root/Library" "$root/Applications"
+mount --bind "$sandbox/Library" "$root/Library"
+mount --bind "$sandbox/Applications" "$root/Applications"
+home=$(getent passwd 0 | cut -d: -f6)
+mount --bind "$sandbox/home" "$root${home:-/root}"
+
+cd /
+exec chroot "$root" "$@"
