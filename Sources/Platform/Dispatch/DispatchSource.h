@@ -140,7 +140,8 @@ private:
 
 class DispatchSource::Read : public DispatchSource {
 public:
-    /// Inside the event handler: an estimate of the bytes ready to read (0 at end of file).
+    /// Inside the event handler: an estimate of the bytes ready to read (0 at
+    /// end of file, and for descriptors without a byte count, such as a pidfd).
     uintptr_t data() const { return rawData(); }
     int handle() const;
 

@@ -20,17 +20,25 @@ struct DispatchTime {
 
     /// `now() + 1.5` is one and a half seconds from now. Saturates at distantFuture.
     friend DispatchTime operator+(DispatchTime time, double seconds) {
-        if (time.isDistantFuture()) return time;
+        if (time.isDistantFuture() || seconds >= time.secondsToDistantFuture()) return distantFuture();
         return {time.uptime + std::chrono::duration_cast<Clock::duration>(
                                   std::chrono::duration<double>(seconds))};
     }
     template <class Rep, class Period>
     friend DispatchTime operator+(DispatchTime time, std::chrono::duration<Rep, Period> d) {
-        if (time.isDistantFuture()) return time;
+        if (time.isDistantFuture() || std::chrono::duration<double>(d).count() >= time.secondsToDistantFuture()) {
+            return distantFuture();
+        }
         return {time.uptime + std::chrono::duration_cast<Clock::duration>(d)};
     }
 
     friend auto operator<=>(const DispatchTime&, const DispatchTime&) = default;
+
+private:
+    // With a second of margin for rounding.
+    double secondsToDistantFuture() const {
+        return std::chrono::duration<double>(Clock::time_point::max() - uptime).count() - 1.0;
+    }
 };
 
 enum class DispatchTimeoutResult { success, timedOut };

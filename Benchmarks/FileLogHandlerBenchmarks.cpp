@@ -1,0 +1,293 @@
+// Figures of the file log handler, all measured in one run on the same file
+// system (files in one temporary folder) with the same record bytes:
+// - one thread: the handler against a bare flock + write + unlock loop of the
+//   pre-built record (target >= 0.85x), and against spdlog's flushing
+//   basic_file_sink_mt and buffered basic_file_sink_st;
+// - 8 threads of one process and 4 processes on one file: aggregate rates
+//   beside the single-thread rate (targets >= 0.9x and >= 0.8x);
+// - credential stripping of lines without credentials beside a memchr scan of
+//   the same bytes.
+// A summary with the ratios follows Google Benchmark's table.
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <sys/file.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#ifdef HAVE_SPDLOG
+#include <spdlog/sinks/basic_file_sink.h>
+#include <spdlog/spdlog.h>
+#endif
+
+#include "Kernel/ThreadPort.h"
+#include "Tovik/Logger/Handlers/FileLogHandler.h"
+
+extern char** environ;
+
+namespace {
+
+using Tovik::FileLogHandler;
+using Clock = std::chrono::system_clock;
+
+constexpr std::string_view text =
+    "I: (AppBundleObserver) Application bundle /Applications/Velmora VPN.app still exists, nothing to do";
+constexpr const char* childVariable = "FILE_LOG_HANDLER_BENCHMARK_CHILD";
+constexpr int processes = 4;
+constexpr int recordsPerProcess = 200000;
+const Tovik::Date date = Clock::now();
+// Measurements, not rotation: no check comes during a run.
+const FileLogHandler::Options noRotation{.firstCheckDelay = 1e6};
+
+std::filesystem::path folder() {
+    static const std::filesystem::path path = [] {
+        std::string pattern = (std::filesystem::temp_directory_path() / "filelog-bench-XXXXXX").string();
+        if (::mkdtemp(pattern.data()) == nullptr) std::abort();
+        return std::filesystem::path(pattern);
+    }();
+    return path;
+}
+
+std::string freshFile(const std::string& name) {
+    std::string path = (folder() / name).string();
+    std::filesystem::remove(path);
+    return path;
+}
+
+std::string record() {
+    return FileLogHandler::formatRecord("S", date, ::getpid(), Kernel::threadPort(), text, true);
+}
+
+void BM_BareFlockWrite(benchmark::State& state) {
+    const std::string bytes = record();
+    const std::string path = freshFile("bare.log");
+    int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    for (auto _ : state) {
+        ::flock(fd, LOCK_EX);
+        benchmark::DoNotOptimize(::write(fd, bytes.data(), bytes.size()));
+        ::flock(fd, LOCK_UN);
+    }
+    ::close(fd);
+    std::filesystem::remove(path);
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_BareFlockWrite);
+
+void BM_Handler(benchmark::State& state) {
+    const std::string path = freshFile("handler.log");
+    {
+        FileLogHandler handler("S", path, true, noRotation);
+        for (auto _ : state) handler.log(Tovik::LogLevel::info, date, text);
+    }
+    // The handler's bytes are the bare loop's bytes.
+    std::string first(record().size(), '\0');
+    int fd = ::open(path.c_str(), O_RDONLY);
+    if (::read(fd, first.data(), first.size()) != ssize_t(first.size()) || first != record()) {
+        state.SkipWithError("the handler wrote other bytes");
+    }
+    ::close(fd);
+    std::filesystem::remove(path);
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_Handler);
+
+FileLogHandler* sharedHandler = nullptr;
+
+void BM_HandlerThreads(benchmark::State& state) {
+    for (auto _ : state) sharedHandler->log(Tovik::LogLevel::info, date, text);
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_HandlerThreads)->Threads(8)->UseRealTime();
+
+// A child writes its records between the parent's start signal (end of file
+// on `go`) and its report of the end time on `done`.
+int runChild(const char* job) {
+    char path[4096] = {};
+    int count = 0, go = -1, ready = -1, done = -1;
+    if (std::sscanf(job, "%d %d %d %d %4095[^\n]", &count, &go, &ready, &done, path) != 5) return 2;
+    FileLogHandler handler("S", path, true, noRotation);
+    char byte = 1;
+    if (::write(ready, &byte, 1) != 1) return 3;
+    while (::read(go, &byte, 1) > 0) {
+    }
+    for (int i = 0; i < count; ++i) handler.log(Tovik::LogLevel::info, date, text);
+    const int64_t end = std::chrono::steady_clock::now().time_since_epoch().count();
+    return ::write(done, &end, sizeof end) == sizeof end ? 0 : 4;
+}
+
+void BM_HandlerProcesses(benchmark::State& state) {
+    const std::string path = freshFile("processes.log");
+    for (auto _ : state) {
+        int go[2], ready[2], done[2];
+        if (::pipe(go) != 0 || ::pipe(ready) != 0 || ::pipe(done) != 0) state.SkipWithError("pipe");
+        std::string job = std::string(childVariable) + "=" + std::to_string(recordsPerProcess) + " " +
+                          std::to_string(go[0]) + " " + std::to_string(ready[1]) + " " + std::to_string(done[1]) +
+                          " " + path;
+        std::vector<char*> envp{job.data()};
+        for (char** variable = environ; *variable != nullptr; ++variable) envp.push_back(*variable);
+        envp.push_back(nullptr);
+        char program[] = "/proc/self/exe";
+        char* argv[] = {program, nullptr};
+        posix_spawn_file_actions_t actions;  // the children keep only their own ends
+        ::posix_spawn_file_actions_init(&actions);
+        for (int end : {go[1], ready[0], done[0]}) ::posix_spawn_file_actions_addclose(&actions, end);
+        std::vector<pid_t> children(processes);
+        for (pid_t& child : children) ::posix_spawn(&child, program, &actions, nullptr, argv, envp.data());
+        ::posix_spawn_file_actions_destroy(&actions);
+        ::close(go[0]);
+        ::close(ready[1]);
+        ::close(done[1]);
+        char byte;
+        for (int i = 0; i < processes; ++i) (void)::read(ready[0], &byte, 1);
+        const auto start = std::chrono::steady_clock::now();
+        ::close(go[1]);
+        int64_t last = 0, end = 0;
+        while (::read(done[0], &end, sizeof end) == sizeof end) last = std::max(last, end);
+        for (pid_t child : children) ::waitpid(child, nullptr, 0);
+        ::close(ready[0]);
+        ::close(done[0]);
+        state.SetIterationTime(std::chrono::duration<double>(std::chrono::steady_clock::duration(last) -
+                                                             start.time_since_epoch())
+                                   .count());
+    }
+    std::filesystem::remove(path);
+    state.SetItemsProcessed(state.iterations() * processes * recordsPerProcess);
+}
+BENCHMARK(BM_HandlerProcesses)->UseManualTime()->Iterations(3);
+
+#ifdef HAVE_SPDLOG
+void spdlogLoop(benchmark::State& state, std::shared_ptr<spdlog::logger> logger) {
+    // "%v" and the default line feed: the very record bytes.
+    logger->set_pattern("%v");
+    const std::string line = record().substr(0, record().size() - 1);
+    for (auto _ : state) logger->info(line);
+    logger->flush();
+    state.SetItemsProcessed(state.iterations());
+}
+
+void BM_SpdlogFlushingMt(benchmark::State& state) {
+    const std::string path = freshFile("spdlog-mt.log");
+    auto logger = std::make_shared<spdlog::logger>("mt", std::make_shared<spdlog::sinks::basic_file_sink_mt>(path));
+    logger->flush_on(spdlog::level::trace);
+    spdlogLoop(state, logger);
+    std::filesystem::remove(path);
+}
+BENCHMARK(BM_SpdlogFlushingMt);
+
+void BM_SpdlogBufferedSt(benchmark::State& state) {
+    const std::string path = freshFile("spdlog-st.log");
+    spdlogLoop(state, std::make_shared<spdlog::logger>(
+                          "st", std::make_shared<spdlog::sinks::basic_file_sink_st>(path)));
+    std::filesystem::remove(path);
+}
+BENCHMARK(BM_SpdlogBufferedSt);
+#endif
+
+// Typical lines: colons, but no credential header.
+const std::vector<std::string>& plainLines() {
+    static const std::vector<std::string> lines{
+        std::string(text),
+        "E: (FileLogManager: saveWholeLog(in:maxSize:)) copyfile(_:to:append:maxSize:seekSeparator:): read failed",
+        "D: (Process: run(path:args:workdir:)) (launchctl) stdout: system/com.velmora.mac.vpn.vpn_helper: state = on",
+        "I: (BackendClient) Tracking uninstall for app 1143 with MAC 52:54:00:12:34:56 and serial C02XK0AAJG5H",
+    };
+    return lines;
+}
+
+void BM_StripCredentialsPlainLines(benchmark::State& state) {
+    std::string out;
+    int64_t bytes = 0;
+    for (auto _ : state) {
+        for (const std::string& line : plainLines()) {
+            out.clear();
+            FileLogHandler::stripCredentials(line, out);
+            benchmark::DoNotOptimize(out.data());
+            bytes += int64_t(line.size());
+        }
+    }
+    state.SetItemsProcessed(state.iterations() * int64_t(plainLines().size()));
+    state.SetBytesProcessed(bytes);
+}
+BENCHMARK(BM_StripCredentialsPlainLines);
+
+void BM_MemchrScanPlainLines(benchmark::State& state) {
+    int64_t bytes = 0;
+    for (auto _ : state) {
+        for (const std::string& line : plainLines()) {
+            benchmark::DoNotOptimize(std::memchr(line.data(), '\x1e', line.size()));
+            bytes += int64_t(line.size());
+        }
+    }
+    state.SetItemsProcessed(state.iterations() * int64_t(plainLines().size()));
+    state.SetBytesProcessed(bytes);
+}
+BENCHMARK(BM_MemchrScanPlainLines);
+
+// Prints the table as usual and keeps every run's items per second.
+class CollectingReporter : public benchmark::ConsoleReporter {
+public:
+    void ReportRuns(const std::vector<Run>& runs) override {
+        ConsoleReporter::ReportRuns(runs);
+        for (const Run& run : runs) {
+            auto rate = run.counters.find("items_per_second");
+            if (!run.error_occurred && rate != run.counters.end()) rates[run.run_name.function_name] = rate->second;
+        }
+    }
+    std::map<std::string, double> rates;
+};
+
+void printSummary(const std::map<std::string, double>& rates) {
+    auto rate = [&](const char* name) {
+        auto found = rates.find(name);
+        return found == rates.end() ? 0.0 : found->second;
+    };
+    const double handler = rate("BM_Handler");
+    // One line per figure: its rate and the ratio the figure is judged by.
+    auto line = [&](const char* label, double value, const char* ratioLabel, double ratio) {
+        if (value == 0 || handler == 0) return;
+        std::printf("  %-40s %10.0f records/s   %s %5.2fx\n", label, value, ratioLabel, ratio);
+    };
+    const double bare = rate("BM_BareFlockWrite"), threads = rate("BM_HandlerThreads");
+    const double processesRate = rate("BM_HandlerProcesses");
+    std::printf("\nFile log handler, %zu-byte records\n", record().size());
+    line("handler, one thread", handler, "handler / bare loop  ", bare > 0 ? handler / bare : 0);
+    line("bare flock + write + unlock loop", bare, "(target handler >= 0.85x)", 1);
+    if (const double mt = rate("BM_SpdlogFlushingMt"), st = rate("BM_SpdlogBufferedSt"); mt > 0 && st > 0) {
+        line("spdlog basic_file_sink_mt, flush_on(trace)", mt, "handler / spdlog     ", handler / mt);
+        line("spdlog basic_file_sink_st, buffered", st, "handler / spdlog     ", handler / st);
+    }
+    line("handler, 8 threads, aggregate", threads, "/ one thread (>= 0.9)", threads / handler);
+    line("handler, 4 processes, aggregate", processesRate, "/ one thread (>= 0.8)", processesRate / handler);
+    const double strip = rate("BM_StripCredentialsPlainLines"), scan = rate("BM_MemchrScanPlainLines");
+    if (strip > 0 && scan > 0) {
+        std::printf("  stripping, lines without credentials     %6.1f ns/line, memchr scan %5.1f ns/line (%.1fx)\n",
+                    1e9 / strip, 1e9 / scan, scan / strip);
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (const char* job = std::getenv(childVariable)) return runChild(job);
+    benchmark::Initialize(&argc, argv);
+    {
+        FileLogHandler threadsHandler("S", freshFile("threads.log"), true, noRotation);
+        sharedHandler = &threadsHandler;
+        CollectingReporter reporter;
+        benchmark::RunSpecifiedBenchmarks(&reporter);
+        printSummary(reporter.rates);
+        sharedHandler = nullptr;
+    }
+    benchmark::Shutdown();
+    std::filesystem::remove_all(folder());
+    return 0;
+}

@@ -1,0 +1,82 @@
+// The cost of a log call: a call below the threshold (the message is never
+// built) and an accepted call handed to three handlers that do nothing, beside
+// spdlog's disabled and accepted calls to a null sink.
+#include <benchmark/benchmark.h>
+
+#include <string>
+
+#include "Tovik/Logger/Logger.h"
+
+#ifdef HAVE_SPDLOG
+#include <spdlog/sinks/null_sink.h>
+#include <spdlog/spdlog.h>
+#endif
+
+namespace {
+
+class NoOpHandler : public Tovik::LogHandlerProtocol {
+public:
+    void log(Tovik::LogLevel, Tovik::Date, std::string_view text) noexcept override {
+        benchmark::DoNotOptimize(text.data());
+    }
+};
+
+// The shared logger at threshold info with three no-op handlers.
+void prepareSharedLogger() {
+    auto& logger = Tovik::Logger::shared();
+    logger.setLogLevel(Tovik::LogLevel::info);
+    logger.setHandlers({std::make_shared<NoOpHandler>(), std::make_shared<NoOpHandler>(),
+                        std::make_shared<NoOpHandler>()});
+}
+
+void TovikDisabledCall(benchmark::State& state) {
+    prepareSharedLogger();
+    int value = 0;
+    for (auto _ : state) {
+        TLOG_DEBUG("bench(iteration:)", "iteration " + std::to_string(value));
+        benchmark::DoNotOptimize(++value);
+    }
+}
+BENCHMARK(TovikDisabledCall);
+
+void TovikAcceptedCallThreeHandlers(benchmark::State& state) {
+    prepareSharedLogger();
+    int value = 0;
+    for (auto _ : state) {
+        TLOG_INFO("bench(iteration:)", "iteration " + std::to_string(value));
+        benchmark::DoNotOptimize(++value);
+    }
+}
+BENCHMARK(TovikAcceptedCallThreeHandlers);
+
+#ifdef HAVE_SPDLOG
+std::shared_ptr<spdlog::logger> makeSpdlogger() {
+    auto logger = std::make_shared<spdlog::logger>("bench", std::make_shared<spdlog::sinks::null_sink_mt>());
+    logger->set_level(spdlog::level::info);
+    return logger;
+}
+
+void SpdlogDisabledCall(benchmark::State& state) {
+    auto logger = makeSpdlogger();
+    int value = 0;
+    for (auto _ : state) {
+        logger->debug("iteration {}", value);
+        benchmark::DoNotOptimize(++value);
+    }
+}
+BENCHMARK(SpdlogDisabledCall);
+
+void SpdlogAcceptedCallNullSink(benchmark::State& state) {
+    auto logger = makeSpdlogger();
+    int value = 0;
+    for (auto _ : state) {
+        logger->info("iteration {}", value);
+        benchmark::DoNotOptimize(++value);
+    }
+}
+BENCHMARK(SpdlogAcceptedCallNullSink);
+#endif
+
+}  // namespace
+
+BENCHMARK_MAIN();

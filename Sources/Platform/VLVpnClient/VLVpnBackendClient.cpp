@@ -1,0 +1,125 @@
+#include "VLVpnClient/VLVpnBackendClient.h"
+
+#include <curl/curl.h>
+
+#include <mutex>
+#include <nlohmann/json.hpp>
+
+namespace VLVpnClient {
+
+namespace {
+
+constexpr size_t maxResponseBytes = 1 << 20;
+
+void initializeCurlOnce() {
+    static std::once_flag once;
+    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+}
+
+struct EasyDeleter {
+    void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
+};
+struct SlistDeleter {
+    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+
+size_t collectResponse(char* data, size_t size, size_t count, void* context) {
+    auto* response = static_cast<std::string*>(context);
+    const size_t bytes = size * count;
+    if (response->size() + bytes > maxResponseBytes) return 0;  // aborts the transfer
+    response->append(data, bytes);
+    return bytes;
+}
+
+std::string normalisedBaseUrl(std::string domain) {
+    if (domain.find("://") == std::string::npos) domain = "https://" + domain;
+    while (!domain.empty() && domain.back() == '/') domain.pop_back();
+    return domain;
+}
+
+VLVBCError transportError(const std::string& url, CURLcode code, const char* detail) {
+    std::string text = "Request to " + url + " failed: " + curl_easy_strerror(code);
+    if (detail != nullptr && *detail != '\0') text += std::string(" (") + detail + ")";
+    return VLVBCError{VLVBCError::domainName, VLVBCError::transportErrorBase + code, text};
+}
+
+class HttpAppsApi final : public VLVBCAppsApi {
+public:
+    HttpAppsApi(std::string baseUrl, long timeoutMs, std::string uninstallBody)
+        : baseUrl_(std::move(baseUrl)), timeoutMs_(timeoutMs), uninstallBody_(std::move(uninstallBody)) {}
+
+    std::optional<VLVBCError> trackAppUninstall() override {
+        return post(baseUrl_ + VLVpnBackendClient::appUninstallPath, uninstallBody_);
+    }
+
+private:
+    std::optional<VLVBCError> post(const std::string& url, const std::string& body) const {
+        initializeCurlOnce();
+        std::unique_ptr<CURL, EasyDeleter> handle(curl_easy_init());
+        if (!handle) return transportError(url, CURLE_FAILED_INIT, nullptr);
+        curl_slist* rawHeaders = curl_slist_append(nullptr, "Content-Type: application/json");
+        rawHeaders = curl_slist_append(rawHeaders, "Accept: application/json");
+        rawHeaders = curl_slist_append(rawHeaders, "Expect:");
+        std::unique_ptr<curl_slist, SlistDeleter> headers(rawHeaders);
+
+        char errorText[CURL_ERROR_SIZE] = {};
+        std::string response;
+        CURL* curl = handle.get();
+        curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+        curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
+        curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+        curl_easy_setopt(curl, CURLOPT_NOPROXY, "localhost,127.0.0.1,::1");
+        curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers.get());
+        curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.c_str());
+        curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
+        curl_easy_setopt(curl, CURLOPT_USERAGENT, "VLVpnClient/1.0");
+        curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorText);
+        curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, collectResponse);
+        curl_easy_setopt(curl, CURLOPT_WRITEDATA, &response);
+        if (timeoutMs_ > 0) curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, timeoutMs_);
+
+        const CURLcode result = curl_easy_perform(curl);
+        if (result != CURLE_OK) return transportError(url, result, errorText);
+        long status = 0;
+        curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+        if (status < 200 || status > 299)
+            return VLVBCError{VLVBCError::domainName, status,
+                              "Backend answered HTTP status " + std::to_string(status) + " to " + url};
+        return std::nullopt;
+    }
+
+    const std::string baseUrl_;
+    const long timeoutMs_;
+    const std::string uninstallBody_;
+};
+
+}  // namespace
+
+std::shared_ptr<VLVpnBackendClient> VLVpnBackendClient::create(
+    const std::shared_ptr<VLVpnBackendClientConfig>& config, const std::shared_ptr<VLVBCAppDetails>& appDetails,
+    const std::shared_ptr<VLVpnBackendClientIpcConfig>& /*ipcConfig*/) {
+    if (!config || !config->appVersion || !appDetails) return nullptr;
+    return std::shared_ptr<VLVpnBackendClient>(new VLVpnBackendClient(*config, *appDetails));
+}
+
+VLVpnBackendClient::VLVpnBackendClient(const VLVpnBackendClientConfig& config, const VLVBCAppDetails& appDetails) {
+    const auto& overrides = config.protocolConfigOverrides;
+    apiBaseUrl_ = normalisedBaseUrl(overrides && overrides->apiFallbackDomain ? *overrides->apiFallbackDomain
+                                                                              : std::string(defaultApiDomain));
+    const auto& version = *config.appVersion;
+    const nlohmann::json body = {
+        {"appDetails",
+         {{"appId", appDetails.appId},
+          {"appType", appDetails.appType},
+          {"language", appDetails.language},
+          {"sysLanguage", appDetails.sysLanguage},
+          {"version", appDetails.version}}},
+        {"appVersion",
+         {{"major", version.major}, {"minor", version.minor}, {"patch", version.patch}, {"build", version.build}}},
+    };
+    const long timeoutMs = config.timeoutMs > 0 ? static_cast<long>(config.timeoutMs) : 0L;
+    appsApi_ = std::make_shared<HttpAppsApi>(apiBaseUrl_, timeoutMs,
+                                             body.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+}
+
+}  // namespace VLVpnClient

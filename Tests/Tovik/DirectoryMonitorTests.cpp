@@ -1,0 +1,159 @@
+#include "Tovik/DirectoryMonitor.h"
+
+#include <gtest/gtest.h>
+#include <sys/time.h>
+
+#include <atomic>
+#include <thread>
+
+#include "Dispatch/DispatchSemaphore.h"
+#include "Support/LogCapture.h"
+#include "Support/TestSupport.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Tovik::DirectoryMonitor;
+using TestSupport::waitUntil;
+
+// Counts calls; the first one may be held until the test lets it go.
+struct Delegate : Tovik::DirectoryMonitorDelegate {
+    void directoryMonitorDidObserveChange(const std::shared_ptr<DirectoryMonitor>& monitor) override {
+        if (holdFirst && calls == 0) {
+            entered.signal();
+            release.wait();
+        }
+        if (stopFromCallback) monitor->stopMonitoring();
+        ++calls;
+    }
+    std::atomic<int> calls{0};
+    std::atomic<bool> holdFirst{false}, stopFromCallback{false};
+    Dispatch::DispatchSemaphore entered{0}, release{0};
+};
+
+int descriptorsOn(const fs::path& path) {
+    int count = 0;
+    std::error_code error;
+    for (const auto& entry : fs::directory_iterator("/proc/self/fd", error)) count += fs::read_symlink(entry, error) == path;
+    return count;
+}
+
+class DirectoryMonitorTest : public ::testing::Test {
+protected:
+    void SetUp() override { fs::create_directory(dir); }
+    std::shared_ptr<DirectoryMonitor> started() {
+        auto monitor = DirectoryMonitor::create(dir.string());
+        monitor->setDelegate(delegate);
+        EXPECT_TRUE(monitor->startMonitoring());
+        return monitor;
+    }
+    // Stops, lets go and waits until freed: from then on no handler runs.
+    void release(std::shared_ptr<DirectoryMonitor>& monitor) {
+        std::weak_ptr<DirectoryMonitor> weak = monitor;
+        monitor->stopMonitoring();
+        monitor.reset();
+        EXPECT_TRUE(waitUntil([&] { return weak.expired(); }));
+        EXPECT_EQ(descriptorsOn(dir), 0);
+    }
+    void expectReported(const char* what, const std::function<void()>& change) {
+        int before = delegate->calls;
+        change();
+        EXPECT_TRUE(waitUntil([&] { return delegate->calls > before; })) << what;
+    }
+
+    TestSupport::ScopedLogCapture log;
+    TestSupport::TemporaryDirectory temp{"dirmonitor"};
+    fs::path dir = temp / "watched";
+    std::shared_ptr<Delegate> delegate = std::make_shared<Delegate>();
+};
+
+TEST_F(DirectoryMonitorTest, MissingPathFailsWithOneErrorAndCanBeRetried) {
+    auto monitor = DirectoryMonitor::create((temp / "missing").string());
+    monitor->stopMonitoring();
+    EXPECT_FALSE(monitor->startMonitoring());
+    EXPECT_FALSE(monitor->isMonitoring());
+    EXPECT_EQ(monitor->fd(), -1);
+    EXPECT_EQ(log.recorder().lines(), std::vector<std::string>{"E: (DirectoryMonitor: startMonitoring()) Open " +
+                                                               (temp / "missing").string() +
+                                                               " for file notifications: No such file or directory"});
+    fs::rename(dir, temp / "missing");
+    EXPECT_TRUE(monitor->startMonitoring());
+    EXPECT_TRUE(monitor->isMonitoring());
+    EXPECT_FALSE(monitor->startMonitoring()) << "already running";
+    monitor->stopMonitoring();
+}
+
+TEST_F(DirectoryMonitorTest, EveryKindOfChangeIsReported) {
+    auto monitor = started();
+    expectReported("create", [&] { TestSupport::writeFile(dir / "f", "x"); });
+    expectReported("mkdir", [&] { fs::create_directory(dir / "d"); });
+    expectReported("rename", [&] { fs::rename(dir / "f", dir / "g"); });
+    expectReported("move out", [&] { fs::rename(dir / "g", temp / "g"); });
+    expectReported("move in", [&] { fs::rename(temp / "g", dir / "g"); });
+    expectReported("delete", [&] { fs::remove(dir / "g"); });
+    expectReported("rmdir", [&] { fs::remove(dir / "d"); });
+    expectReported("chmod", [&] { fs::permissions(dir, fs::perms::owner_all); });
+    expectReported("touch", [&] { ::utimes(dir.c_str(), nullptr); });
+    expectReported("move itself", [&] { fs::rename(dir, temp / "moved"); });
+    expectReported("delete itself", [&] { fs::remove(temp / "moved"); });
+    release(monitor);
+}
+
+TEST_F(DirectoryMonitorTest, NoDeliveryAfterStopEvenForAQueuedEvent) {
+    delegate->holdFirst = true;
+    auto monitor = started();
+    TestSupport::writeFile(dir / "first", "1");
+    ASSERT_EQ(delegate->entered.wait(Dispatch::DispatchTime::now() + 10.0), Dispatch::DispatchTimeoutResult::success);
+    TestSupport::writeFile(dir / "second", "2");  // waits behind the held call
+    monitor->stopMonitoring();
+    EXPECT_EQ(monitor->fd(), -1);
+    delegate->release.signal();
+    release(monitor);
+    EXPECT_EQ(delegate->calls, 1);
+}
+
+TEST_F(DirectoryMonitorTest, RestartArmsANewDescriptorAndClosesTheOld) {
+    auto monitor = started();
+    int first = monitor->fd();
+    EXPECT_TRUE(monitor->restartMonitoring());
+    EXPECT_NE(monitor->fd(), first);
+    EXPECT_TRUE(waitUntil([&] { return descriptorsOn(dir) == 1; }));
+    EXPECT_TRUE(monitor->isMonitoring()) << "the old cancel handler reset the new start";
+    expectReported("after restart", [&] { TestSupport::writeFile(dir / "f", "x"); });
+    release(monitor);
+}
+
+TEST_F(DirectoryMonitorTest, OwnershipAndFreedDelegate) {
+    auto monitor = started();
+    std::weak_ptr<DirectoryMonitor> weak = monitor;
+    monitor.reset();
+    expectReported("unowned but running", [&] { TestSupport::writeFile(dir / "f", "x"); });
+    delegate->stopFromCallback = true;  // calling back in must not deadlock
+    TestSupport::writeFile(dir / "g", "x");
+    EXPECT_TRUE(waitUntil([&] { return weak.expired(); }));
+
+    monitor = started();
+    int calls = delegate->calls;
+    delegate.reset();
+    TestSupport::writeFile(dir / "h", "x");
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    release(monitor);  // a freed delegate is skipped, not called through a dangling pointer
+    EXPECT_GT(calls, 0);
+}
+
+TEST_F(DirectoryMonitorTest, ConcurrentStartsStopsAndRestartsLeaveNothingBehind) {
+    auto monitor = DirectoryMonitor::create(dir.string());
+    monitor->setDelegate(delegate);
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> threads;
+    threads.emplace_back([&] { while (!stop) monitor->restartMonitoring(); });
+    threads.emplace_back([&] { while (!stop) monitor->startMonitoring(), monitor->isMonitoring(); });
+    threads.emplace_back([&] { while (!stop) monitor->stopMonitoring(), monitor->fd(); });
+    threads.emplace_back([&] { for (int n = 0; !stop; ++n) TestSupport::writeFile(dir / std::to_string(n % 8), "x"); });
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    stop = true;
+    for (auto& thread : threads) thread.join();
+    release(monitor);
+}
+
+}  // namespace

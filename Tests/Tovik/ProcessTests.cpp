@@ -1,0 +1,213 @@
+// The runner against real children: this test binary, started again with
+// "--process-tests-child", plays the tool and follows the steps it is given.
+#include "Tovik/Process.h"
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <thread>
+
+#include "Support/LogCapture.h"
+#include "Support/TestSupport.h"
+
+namespace fs = std::filesystem;
+using Foundation::Pipe;
+using TestSupport::waitUntil;
+using Tovik::Process;
+
+namespace {
+
+const std::string self = "/proc/self/exe";
+const std::string childFlag = "--process-tests-child";
+
+// Child steps: "out:<bytes>" and "err:<bytes>" write to standard output or
+// error; "drain" waits until the reader has taken everything written so far;
+// "stdin" reads standard input to its end; "pwd" prints the working folder;
+// "exit:<n>" exits with n (0 after the last step).
+const bool runsAsChild = [] {
+    std::ifstream in("/proc/self/cmdline", std::ios::binary);
+    std::vector<std::string> args;
+    for (std::string arg; std::getline(in, arg, '\0');) args.push_back(arg);
+    if (args.size() < 2 || args[1] != childFlag) return false;
+    auto put = [](int fd, std::string_view bytes) { return write(fd, bytes.data(), bytes.size()) >= 0; };
+    for (size_t i = 2; i < args.size(); ++i) {
+        std::string_view step = args[i];
+        if (step.starts_with("out:")) {
+            put(1, step.substr(4));
+        } else if (step.starts_with("err:")) {
+            put(2, step.substr(4));
+        } else if (step == "drain") {
+            int pending = 0;
+            while (ioctl(1, FIONREAD, &pending) == 0 && pending > 0) usleep(1000);
+        } else if (step == "stdin") {
+            char buffer[256];
+            while (read(0, buffer, sizeof buffer) > 0) {
+            }
+        } else if (step == "pwd") {
+            put(1, fs::current_path().string() + "\n");
+        } else if (step.starts_with("exit:")) {
+            _exit(std::stoi(std::string(step.substr(5))));
+        }
+    }
+    _exit(0);
+}();
+
+std::vector<std::string> withFlag(std::vector<std::string> steps) {
+    steps.insert(steps.begin(), childFlag);
+    return steps;
+}
+
+std::string running(const std::vector<std::string>& args) {
+    std::string text = "I: (Process) Running " + self;
+    for (const auto& arg : args) text += " " + arg;
+    return text + " ";
+}
+
+std::string returned(pid_t pid, int status) {
+    return "I: (Process) " + self + " (pid: " + std::to_string(pid) + ") returned " + std::to_string(status);
+}
+
+// Children of this process that have ended but were not reaped.
+std::vector<pid_t> zombieChildren() {
+    std::vector<pid_t> zombies;
+    DIR* proc = opendir("/proc");
+    while (dirent* entry = proc ? readdir(proc) : nullptr) {
+        std::ifstream stat(std::string("/proc/") + entry->d_name + "/stat");
+        std::string line;
+        if (!std::getline(stat, line)) continue;
+        auto close = line.rfind(')');
+        if (close == std::string::npos) continue;
+        std::istringstream fields(line.substr(close + 2));
+        char state = 0;
+        pid_t parent = 0;
+        fields >> state >> parent;
+        if (state == 'Z' && parent == getpid()) zombies.push_back(std::stoi(entry->d_name));
+    }
+    if (proc) closedir(proc);
+    return zombies;
+}
+
+class ProcessTests : public ::testing::Test {
+protected:
+    std::vector<std::string> lines() const { return capture_.recorder().lines(); }
+    bool logged(const std::string& text) const {
+        auto all = lines();
+        return std::find(all.begin(), all.end(), text) != all.end();
+    }
+    std::vector<std::string> outputLines() const {
+        std::vector<std::string> output;
+        for (auto& line : lines())
+            if (line.starts_with("I: (Process) exe> ")) output.push_back(line.substr(13));
+        return output;
+    }
+
+    TestSupport::ScopedLogCapture capture_;
+};
+
+}  // namespace
+
+TEST_F(ProcessTests, OutputIsLoggedOneRecordPerLine) {
+    // A line split across reads, stderr beside stdout, CR LF (whose empty
+    // line is dropped), invalid UTF-8, and a last line without a line feed.
+    auto args = withFlag({"out:ab", "drain", "out:c\n", "err:oops\n", "out:d\r\ne\n\n", "out:\xff\xfe\n", "out:tail"});
+    auto process = Process::run(self, args, std::nullopt, std::nullopt, std::nullopt, std::nullopt, true);
+    ASSERT_TRUE(process);
+
+    ASSERT_TRUE(waitUntil([&] { return outputLines().size() >= 5; }));
+    EXPECT_EQ(outputLines(), (std::vector<std::string>{"exe> abc", "exe> oops", "exe> d", "exe> e", "exe> tail"}));
+    EXPECT_EQ(lines().front(), running(args));
+}
+
+TEST_F(ProcessTests, WaitingReturnsAfterTheExitStatusWasLogged) {
+    auto args = withFlag({"exit:3"});
+    auto process = Process::run(self, args, std::nullopt, std::nullopt, std::nullopt, std::nullopt, true);
+    ASSERT_TRUE(process);
+    EXPECT_EQ(process->terminationStatus(), 3);
+    EXPECT_TRUE(logged(returned(process->processIdentifier(), 3)));
+
+    TestSupport::TemporaryDirectory dir;
+    auto pwd = withFlag({"pwd"});
+    ASSERT_TRUE(Process::run(self, pwd, dir.path().string(), std::nullopt, std::nullopt, std::nullopt, true));
+    EXPECT_TRUE(logged(running(pwd) + " in " + dir.path().string()));
+    ASSERT_TRUE(waitUntil([&] { return !outputLines().empty(); }));
+    EXPECT_EQ(outputLines(), std::vector<std::string>{"exe> " + dir.path().string()});
+}
+
+TEST_F(ProcessTests, WithoutWaitingTheCallReturnsWhileTheChildRuns) {
+    auto input = Pipe::create();
+    auto process = Process::run(self, withFlag({"stdin", "exit:7"}), std::nullopt, Tovik::ProcessStream(input),
+                                std::nullopt, std::nullopt, false);
+    ASSERT_TRUE(process);
+    EXPECT_TRUE(process->isRunning());
+    EXPECT_FALSE(logged(returned(process->processIdentifier(), 7)));
+
+    input->fileHandleForWriting()->closeFile();
+    ASSERT_TRUE(waitUntil([&] { return logged(returned(process->processIdentifier(), 7)); }));
+    process->waitUntilExit();
+    EXPECT_EQ(process->terminationStatus(), 7);
+
+    // A child ended by a signal reports the signal number.
+    auto blocked = Pipe::create();
+    auto killed = Process::run(self, withFlag({"stdin"}), std::nullopt, Tovik::ProcessStream(blocked), std::nullopt,
+                               std::nullopt, false);
+    ASSERT_TRUE(killed);
+    kill(killed->processIdentifier(), SIGKILL);
+    killed->waitUntilExit();
+    EXPECT_EQ(killed->terminationReason(), Process::TerminationReason::uncaughtSignal);
+    EXPECT_TRUE(waitUntil([&] { return logged(returned(killed->processIdentifier(), SIGKILL)); }));
+}
+
+TEST_F(ProcessTests, PathsThatCannotRunReturnNothing) {
+    TestSupport::TemporaryDirectory dir;
+    TestSupport::writeFile(dir / "plain", "#!/bin/sh\n");
+    fs::permissions(dir / "plain", fs::perms::owner_read | fs::perms::owner_write);
+    std::string plain = (dir / "plain").string();
+    EXPECT_FALSE(Process::run(plain, std::nullopt, std::nullopt, std::nullopt, std::nullopt, std::nullopt, true));
+    EXPECT_EQ(lines(), std::vector<std::string>{"E: (Process: run(_:args:workdir:inpipe:outpipe:errpipe:wait:)) File " +
+                                                plain + " can not be executed"});
+
+    // A folder passes the executable test but cannot be launched.
+    std::string folder = dir.path().string();
+    EXPECT_FALSE(Process::run(folder, std::vector<std::string>{"a", "b"}, std::nullopt, std::nullopt, std::nullopt,
+                              std::nullopt, true));
+    EXPECT_EQ(lines().back(), "E: (Process: run(_:args:workdir:inpipe:outpipe:errpipe:wait:)) Failed to run `" +
+                                  folder + " a b`. Permission denied");
+}
+
+TEST_F(ProcessTests, SuppliedStreamsReceiveTheOutputUnlogged) {
+    auto out = Pipe::create();
+    auto err = Pipe::create();
+    auto process = Process::run(self, withFlag({"out:hello\n", "err:bad\n"}), std::nullopt, std::nullopt,
+                                Tovik::ProcessStream(out), Tovik::ProcessStream(err), true);
+    ASSERT_TRUE(process);
+    auto text = [](const std::shared_ptr<Pipe>& pipe) {
+        auto data = pipe->fileHandleForReading()->readDataToEndOfFile();
+        return std::string(data.begin(), data.end());
+    };
+    EXPECT_EQ(text(out), "hello\n");
+    EXPECT_EQ(text(err), "bad\n");
+    EXPECT_TRUE(outputLines().empty());
+}
+
+TEST_F(ProcessTests, DroppedProcessesLeaveNoZombies) {
+    std::vector<pid_t> pids;
+    for (int i = 0; i < 8; ++i) {
+        auto process = Process::run(self, withFlag({"out:bye\n"}), std::nullopt, std::nullopt, std::nullopt,
+                                    std::nullopt, false);
+        ASSERT_TRUE(process);
+        pids.push_back(process->processIdentifier());
+    }
+    ASSERT_TRUE(waitUntil([&] {
+        for (pid_t pid : pids)
+            if (fs::exists("/proc/" + std::to_string(pid))) return false;
+        return true;
+    })) << "a child was never reaped";
+    EXPECT_TRUE(zombieChildren().empty());
+    for (pid_t pid : pids) EXPECT_TRUE(waitUntil([&] { return logged(returned(pid, 0)); }));
+    EXPECT_TRUE(waitUntil([&] { return outputLines().size() == pids.size(); }));
+}

@@ -1,0 +1,151 @@
+#include "vpn_helper/AppBundleObserver.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "Dispatch/DispatchSemaphore.h"
+#include "Support/LogCapture.h"
+#include "Support/TestSupport.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using TestSupport::waitUntil;
+using VpnHelper::AppBundleObserver;
+
+const std::string kExists = "W: (AppBundleObserver) App path is exist";
+const std::string kNoMonitor = "I: (AppBundleObserver) Directory monitor is nil. Monitoring was stopped.";
+
+int descriptorsOn(const fs::path& path) {
+    int count = 0;
+    std::error_code error;
+    for (const auto& entry : fs::directory_iterator("/proc/self/fd", error)) count += fs::read_symlink(entry, error) == path;
+    return count;
+}
+
+class AppBundleObserverTest : public ::testing::Test {
+protected:
+    void makeBundle() {
+        fs::create_directories(bundle / "Contents" / "MacOS");
+        TestSupport::writeFile(bundle / "Contents" / "MacOS" / "Velmora VPN", "binary");
+        TestSupport::writeFile(bundle / "Contents" / "Info.plist",
+                               "<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key>"
+                               "<string>com.velmora.mac.vpn</string></dict></plist>");
+    }
+    long count(const std::string& line) const {
+        auto lines = log.recorder().lines();
+        return std::count(lines.begin(), lines.end(), line);
+    }
+    AppBundleObserver::Completion completion(std::atomic<int>& calls) {
+        return [this, &calls](const std::string& path) {
+            EXPECT_EQ(path, bundle.string());
+            ++calls;
+        };
+    }
+    // Starts observer and waits until its monitor is armed.
+    void start(const std::shared_ptr<AppBundleObserver>& observer, std::atomic<int>& calls) {
+        observer->startMonitoring(completion(calls));
+        observer->queue().sync([] {});
+        EXPECT_EQ(count(startLine), ++starts);
+    }
+    // Blocks the observer's queue until the returned semaphore is signalled.
+    static Dispatch::DispatchSemaphore hold(const Dispatch::DispatchQueue& queue) {
+        Dispatch::DispatchSemaphore held(0), release(0);
+        queue.async([=] { held.signal(), release.wait(); });
+        held.wait();
+        return release;
+    }
+    // Lets the events still on their way arrive and be handled.
+    static void settle(const Dispatch::DispatchQueue& queue) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        queue.sync([] {});
+    }
+
+    TestSupport::ScopedLogCapture log;
+    TestSupport::TemporaryDirectory temp{"observer"};
+    fs::path bundle = temp / "Applications" / "Velmora VPN.app";
+    // The observer looks the bundle up once, when it is created.
+    bool bundleMade = (makeBundle(), true);
+    Workspace::Workspace workspace{{temp / "Applications"}};
+    std::shared_ptr<AppBundleObserver> observer = AppBundleObserver::create("com.velmora.mac.vpn", workspace);
+    std::string startLine = "I: (AppBundleObserver) Start removal observer for path: " + bundle.string() +
+                            " and bundle: com.velmora.mac.vpn with result: true";
+    std::atomic<int> calls{0};
+    long starts = 0;
+};
+
+TEST_F(AppBundleObserverTest, DeletingTheBundleFiresOnceOnTheQueue) {
+    std::atomic<bool> onQueue{false};
+    observer->startMonitoring([&](const std::string&) { onQueue = observer->queue().isCurrent(), ++calls; });
+    ASSERT_TRUE(waitUntil([&] { return count(startLine) == 1; }));
+    TestSupport::writeFile(bundle / "update", "x");
+    ASSERT_TRUE(waitUntil([&] { return count(kExists) >= 1; }));
+    observer->directoryMonitorDidObserveChange(Tovik::DirectoryMonitor::create(bundle.string()));  // not ours
+    fs::remove_all(bundle);
+    ASSERT_TRUE(waitUntil([&] { return calls == 1; }));
+    EXPECT_TRUE(onQueue);
+    EXPECT_EQ(count(kNoMonitor), 1);
+    observer->directoryMonitorDidObserveChange(Tovik::DirectoryMonitor::create(bundle.string()));
+    settle(observer->queue());
+    EXPECT_EQ(count(kNoMonitor), 2);
+    EXPECT_EQ(calls, 1);
+}
+
+TEST_F(AppBundleObserverTest, MovingTheBundleToTheTrashFires) {
+    start(observer, calls);
+    fs::create_directory(temp / ".Trash");
+    fs::rename(bundle, temp / ".Trash" / "Velmora VPN.app");
+    ASSERT_TRUE(waitUntil([&] { return calls == 1; }));
+    EXPECT_EQ(descriptorsOn(temp / ".Trash" / "Velmora VPN.app"), 0) << "the fired observer still watches";
+}
+
+TEST_F(AppBundleObserverTest, ReplacingTheBundleInPlaceDoesNotFire) {
+    start(observer, calls);
+    auto release = hold(observer->queue());
+    fs::remove_all(bundle);
+    makeBundle();
+    release.signal();
+    ASSERT_TRUE(waitUntil([&] { return count(kExists) >= 1; }));
+    settle(observer->queue());
+    EXPECT_EQ(calls, 0);
+}
+
+TEST_F(AppBundleObserverTest, StartingAgainReplacesMonitorAndCompletion) {
+    std::atomic<int> firstCalls{0};
+    start(observer, firstCalls);
+    start(observer, calls);
+    EXPECT_TRUE(waitUntil([&] { return descriptorsOn(bundle) == 1; })) << "the first monitor still runs";
+    fs::remove_all(bundle);
+    ASSERT_TRUE(waitUntil([&] { return calls == 1; }));
+    EXPECT_EQ(firstCalls, 0);
+}
+
+TEST_F(AppBundleObserverTest, ReleasedObserverNeitherStartsNorKeepsWatching) {
+    Dispatch::DispatchQueue queue = observer->queue();
+    auto release = hold(queue);
+    observer->startMonitoring(completion(calls));
+    std::weak_ptr<AppBundleObserver> weak = observer;
+    observer.reset();
+    EXPECT_TRUE(weak.expired()) << "a pending start keeps the observer alive";
+    release.signal();
+    queue.sync([] {});
+    EXPECT_EQ(count(startLine), 0);
+    EXPECT_EQ(descriptorsOn(bundle), 0);
+
+    observer = AppBundleObserver::create("com.velmora.mac.vpn", workspace);
+    start(observer, calls);
+    observer.reset();
+    EXPECT_TRUE(waitUntil([&] { return descriptorsOn(bundle) == 0; }));
+}
+
+TEST_F(AppBundleObserverTest, UnlocatedApplicationIsNeverWatched) {
+    observer = AppBundleObserver::create("com.example.absent", workspace);
+    EXPECT_EQ(observer->appBundleUrl(), std::nullopt);
+    observer->startMonitoring(completion(calls));
+    observer->queue().sync([] {});
+    EXPECT_EQ(count("W: (AppBundleObserver) Failed to obtain app url for bundle: com.example.absent"), 1);
+    EXPECT_EQ(descriptorsOn(bundle), 0);
+}
+
+}  // namespace

@@ -1,0 +1,142 @@
+// Developer overrides of backend settings.
+//
+// A developer or tester drops "devConfig.json" into the shared data folder.
+// Because the daemon runs as root, the file is honoured only when it is a
+// regular file owned by root that group and others can neither write nor
+// execute. It is read lazily, at most once successfully per instance, the
+// first time a key is asked for.
+//
+// The check is made on the file that is then read: the path is opened once
+// without following a final symbolic link, the owner and mode are taken from
+// that descriptor, and the JSON is parsed from the same descriptor, so
+// swapping the path between the check and the read has no effect.
+#pragma once
+
+#include <array>
+#include <filesystem>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include <nlohmann/json.hpp>
+
+#include "Dispatch/DispatchQueue.h"
+#include "Tovik/UnfairLock.h"
+
+namespace VpnHelper {
+
+/// The recognised keys, in case order.
+enum class DevConfigKey {
+    authTxtDomain,
+    apiTxtDomain,
+    authFallbackDomain,
+    apiFallbackDomain,
+    disableOutboundInterfaceBinding,
+    tdsBaseLink,
+    promoTimeTillTheFirstShow,
+    promoTimeDuration,
+    configFetchUrls,
+    configFetchTimeoutMs,
+    tmTxtDomain,
+    tmFallbackDomain,
+    appForceUsingTraceLogs,
+    showTrafficLimitReachedOnStart,
+    showFreeTrafficLeftOnStart,
+    showTooManyDeviceConnectedOnStart,
+    forceAppUpdate,
+    handlerProfilingEnabled,
+    abTests,
+    forceRegionalBlocksPromo,
+};
+
+/// Every key, in case order.
+inline constexpr std::array<DevConfigKey, 20> allDevConfigKeys = {
+    DevConfigKey::authTxtDomain,
+    DevConfigKey::apiTxtDomain,
+    DevConfigKey::authFallbackDomain,
+    DevConfigKey::apiFallbackDomain,
+    DevConfigKey::disableOutboundInterfaceBinding,
+    DevConfigKey::tdsBaseLink,
+    DevConfigKey::promoTimeTillTheFirstShow,
+    DevConfigKey::promoTimeDuration,
+    DevConfigKey::configFetchUrls,
+    DevConfigKey::configFetchTimeoutMs,
+    DevConfigKey::tmTxtDomain,
+    DevConfigKey::tmFallbackDomain,
+    DevConfigKey::appForceUsingTraceLogs,
+    DevConfigKey::showTrafficLimitReachedOnStart,
+    DevConfigKey::showFreeTrafficLeftOnStart,
+    DevConfigKey::showTooManyDeviceConnectedOnStart,
+    DevConfigKey::forceAppUpdate,
+    DevConfigKey::handlerProfilingEnabled,
+    DevConfigKey::abTests,
+    DevConfigKey::forceRegionalBlocksPromo,
+};
+
+/// The key's name in the file ("auth_txt_domain", ...).
+std::string_view rawValue(DevConfigKey key);
+
+class DeveloperConfigUtils {
+public:
+    /// The parsed top-level object: key string to any JSON value.
+    using Configuration = nlohmann::json::object_t;
+
+    /// The concurrent queue "backend.client.queue" that keyed reads run on,
+    /// as synchronous blocks. Created on first use.
+    static const Dispatch::DispatchQueue& queue();
+
+    /// "devConfig.json" in the shared data folder; computed once, on first
+    /// use, from any thread. Absent when the shared folder is.
+    static const std::optional<std::filesystem::path>& devConfigURL();
+
+    /// The daemon's instance, over devConfigURL(); created on first use.
+    static DeveloperConfigUtils& shared();
+
+    /// An instance over the file at devConfigURL (nothing: no file can be had).
+    explicit DeveloperConfigUtils(std::optional<std::filesystem::path> devConfigURL);
+    DeveloperConfigUtils(const DeveloperConfigUtils&) = delete;
+    DeveloperConfigUtils& operator=(const DeveloperConfigUtils&) = delete;
+
+    /// The raw JSON value stored under the key's string, or nothing. While no
+    /// file has passed checkFile(), every call checks the file again; once one
+    /// has, its parsed contents (possibly nothing) answer every later call and
+    /// the file is never read again. The caller converts the value; a value of
+    /// another type than expected counts as missing. Run it on queue().
+    std::optional<nlohmann::json> operator[](DevConfigKey key);
+
+    /// True when the file may be used: a regular file, owned by root, with no
+    /// write or execute bit for group or others and some permission bit set.
+    /// Each failure is logged at debug. The checked file stays open for the
+    /// next parse().
+    bool checkFile();
+
+    /// The top-level object of the file that the last checkFile() passed, or
+    /// nothing (logged at error). Without such a file, runs checkFile() first.
+    std::optional<Configuration> parse();
+
+private:
+    class Descriptor {
+    public:
+        Descriptor() = default;
+        explicit Descriptor(int fd) : fd_(fd) {}
+        Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+        Descriptor& operator=(Descriptor&& other) noexcept;
+        ~Descriptor();
+        int get() const { return fd_; }
+        explicit operator bool() const { return fd_ >= 0; }
+
+    private:
+        int fd_ = -1;
+    };
+
+    bool checkFileLocked();
+    std::optional<Configuration> parseLocked();
+
+    const std::optional<std::filesystem::path> devConfigURL_;
+    Tovik::UnfairLock lock_;
+    std::optional<Configuration> configuration_;  // guarded by lock_
+    bool needsReload_ = true;                     // guarded by lock_
+    Descriptor checkedFile_;                      // guarded by lock_; what checkFile() passed
+};
+
+}  // namespace VpnHelper
