@@ -14,7 +14,10 @@
 # loopback server started outside is reachable inside.
 #
 # With SANDBOX_NETWORK=none the command also gets a network namespace of its
-# own with no interface up, so nothing it sends can leave it.
+# own with no interface up, so nothing it sends can leave it. With
+# SANDBOX_LIBRARY=none there is no /Library at all. SANDBOX_BINDS holds more
+# bind mounts, one "<target>=<host path>[:ro]" a line, made after the above
+# (":ro": read-only), e.g. "/etc/passwd=/tmp/x/passwd".
 #
 # Usage: sandbox.sh <sandbox-dir> <command> [args...]
 set -euo pipefail
@@ -65,11 +68,22 @@ else
   mount --bind "$realbin" "$root/bin"
 fi
 
-mkdir "$root/Library" "$root/Applications"
-mount --bind "$sandbox/Library" "$root/Library"
+if [ "${SANDBOX_LIBRARY:-}" != none ]; then
+  mkdir "$root/Library"
+  mount --bind "$sandbox/Library" "$root/Library"
+fi
+mkdir "$root/Applications"
 mount --bind "$sandbox/Applications" "$root/Applications"
 home=$(getent passwd 0 | cut -d: -f6)
 mount --bind "$sandbox/home" "$root${home:-/root}"
+
+while IFS='=' read -r target source; do
+  [ -n "$target" ] || continue
+  mount --bind "${source%:ro}" "$root$target"
+  if [ "${source%:ro}" != "$source" ]; then
+    mount -o remount,bind,ro "$root$target"
+  fi
+done <<< "${SANDBOX_BINDS:-}"
 
 cd /
 exec chroot "$root" "$@"

@@ -27,7 +27,6 @@ public:
     ScopedLogCapture& operator=(const ScopedLogCapture&) = delete;
 
     const RecordingLogHandler& recorder() const { return *recorder_; }
-    const std::shared_ptr<RecordingLogHandler>& handler() const { return recorder_; }
 
 private:
     std::shared_ptr<RecordingLogHandler> recorder_ = std::make_shared<RecordingLogHandler>();

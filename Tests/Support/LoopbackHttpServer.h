@@ -1,11 +1,11 @@
 // A small HTTP/1.1 server on 127.0.0.1 for tests that need a real backend.
 //
 // It listens on a free loopback port from construction, serves the
-// connections one at a time on its own thread, records each request (request
-// line, headers, body) and answers with the configured status and body, then
-// closes the connection. After `maxRequests` requests it stops listening, so
-// later connections are refused. Every read and write is bounded by
-// `ioTimeout`; the destructor stops the thread and closes every socket.
+// connections one at a time on its own thread, records each request and
+// answers with the configured status and a "{}" body, then closes the
+// connection. After `maxRequests` requests it stops listening, so later
+// connections are refused. Every read is bounded by `ioTimeout`;
+// the destructor stops the thread and closes every socket.
 #pragma once
 
 #include <chrono>
@@ -25,8 +25,6 @@ namespace TestSupport {
 struct HttpRequest {
     /// "POST /v1/apps/uninstall HTTP/1.1"
     std::string requestLine;
-    std::string method;
-    std::string target;
     /// In arrival order, names as sent.
     std::vector<std::pair<std::string, std::string>> headers;
     std::string body;
@@ -39,7 +37,6 @@ class LoopbackHttpServer {
 public:
     struct Options {
         int status = 200;
-        std::string responseBody = "{}";
         /// False: record the request but never answer, holding the connection
         /// until ioTimeout or shutdown (for client time-out tests).
         bool respond = true;
@@ -57,31 +54,27 @@ public:
 
     std::uint16_t port() const { return port_; }
     /// "http://127.0.0.1:<port>"
-    std::string url() const;
+    std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
 
     /// The requests received so far, complete ones only.
     std::vector<HttpRequest> requests() const;
     /// Waits until count requests have been received; false at the deadline.
     bool waitForRequests(std::size_t count, std::chrono::milliseconds deadline = std::chrono::seconds(10)) const;
 
-    /// Parses one request from raw bytes; absent while it is incomplete or malformed.
-    static std::optional<HttpRequest> parseRequest(std::string_view bytes);
-
 private:
     void serve();
     void serveConnection(int connection);
-    bool waitReadable(int fd, std::chrono::steady_clock::time_point deadline) const;
 
     const Options options_;
     int listener_ = -1;
-    int wakeRead_ = -1;   // the destructor writes to wakeWrite_ to end serve()
-    int wakeWrite_ = -1;
     std::uint16_t port_ = 0;
     std::thread thread_;
 
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
     std::vector<HttpRequest> requests_;  // guarded by mutex_
+    int connection_ = -1;                // the one being served; guarded by mutex_
+    bool stopping_ = false;              // guarded by mutex_
 };
 
 }  // namespace TestSupport

@@ -1,65 +1,58 @@
-// Runs a test as root in a private mount namespace in which some paths show
-// temporary folders or files instead of the machine's own, so code that
-// insists on /Library, /Applications or /bin/launchctl can be tested without
-// touching the real ones (even when they do not exist on this machine).
+// Runs a test again, as root, inside scripts/sandbox.sh: a private mount
+// namespace whose /Library, /Applications, root's home and /bin tools are
+// folders of a temporary sandbox, so code that insists on those paths is tested
+// without touching the real ones. Usage, at the top of a test body:
 //
-// Usage, at the top of a test body:
+//     TestSupport::TemporaryDirectory sandbox("sandbox");
+//     if (!TestSupport::insideSandbox(sandbox.path())) return;  // the child ran it
+//     ... from here on in a fresh process inside the namespace ...
 //
-//     TEST(LocationsTests, SharedLogsFolderIsCreated) {
-//         TestSupport::TemporaryDirectory library("library");
-//         if (!TestSupport::insideMountNamespace({{"/Library", library.path()}})) {
-//             // Host side, after the child ran: library.path() holds what it made.
-//             return;
-//         }
-//         // From here on: inside the namespace, in a fresh process.
-//         auto folder = VpnHelper::Locations::sharedLogsFolder();
-//         ...
-//     }
-//
-// How it works: the test process starts its own executable again with
-// --gtest_filter naming the current test and the replacements in the
-// environment variable TOVIK_MOUNT_NAMESPACE. Before main() (still single
-// threaded) that child unshares its mount namespace, builds a new root on a
-// tmpfs from recursive bind mounts of every top-level entry of "/" (top-level
-// symlinks are copied), chroots into it (keeping the working directory) and
-// then, for each replacement in the order given:
-// - a target that exists is covered by a bind mount of the source;
-// - a missing target is created first: directly when its deepest existing
-//   ancestor is "/" or a folder made by an earlier step, else after laying a
-//   tmpfs-backed overlay over that ancestor (mounts below the ancestor are
-//   hidden by the overlay). Symlinks on the way are followed, so "/bin/x"
-//   lands in "/usr/bin" on merged-/usr systems.
-// Everything vanishes with the child; nothing on the host changes except what
-// the test writes into the sources.
-//
-// The child is a fresh process: process-wide one-time values start unset, the
-// fixture's SetUp runs again, and objects the test body created before the
-// call (such as the TemporaryDirectory above) are new ones there - inside,
-// use the target paths. The child's failures (file, line, message) are
-// reported as failures of the test in the test process, its GTEST_SKIP as a
-// skip; a crash or a failed set-up fails the test with the child's output.
+// Header only: it needs TOVIK_SOURCE_DIR, which only the test programs define.
 #pragma once
 
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
 #include <filesystem>
+#include <string>
 #include <vector>
+
+#include "Support/TestSupport.h"
 
 namespace TestSupport {
 
-struct MountReplacement {
-    /// Absolute path as seen inside, e.g. "/Library" or "/bin/launchctl".
-    std::filesystem::path target;
-    /// Host folder (for a folder target) or file (for a file target).
-    std::filesystem::path source;
-    /// Mount it read-only (writes fail with EROFS, even for root).
-    bool readOnly = false;
-};
+/// In the test process: runs the current test in its own executable through
+/// scripts/sandbox.sh over sandbox with `environment` ("SANDBOX_BINDS=...",
+/// "SANDBOX_LIBRARY=none") added, fails the test with the child's wait status
+/// and output unless the child passed it, and returns false. In the child:
+/// returns true. No path or value may hold a single quote.
+inline bool insideSandbox(const std::filesystem::path& sandbox, std::vector<std::string> environment = {}) {
+    if (getenv("TOVIK_IN_SANDBOX")) return true;
+    const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
+    const std::filesystem::path output = sandbox / "test-output.txt";
+    environment.insert(environment.end(),
+                       {"TOVIK_IN_SANDBOX=1", "bash", TOVIK_SOURCE_DIR "/scripts/sandbox.sh", sandbox.string(),
+                        std::filesystem::read_symlink("/proc/self/exe").string(),
+                        std::string("--gtest_filter=") + test->test_suite_name() + "." + test->name()});
+    // The child must not write the test process's result files nor run a shard.
+    std::string command = "env -u GTEST_OUTPUT -u GTEST_SHARD_INDEX -u GTEST_TOTAL_SHARDS";
+    for (const auto& word : environment) command += " '" + word + "'";
+    int status = std::system((command + " > '" + output.string() + "' 2>&1").c_str());
+    std::string text = readFile(output);
+    EXPECT_TRUE(status == 0 && text.find("[  PASSED  ] 1 test.") != std::string::npos)
+        << "in the sandbox, wait status " << status << ":\n" << text;
+    return false;
+}
 
-/// In the test process: runs the current test again in a child inside the
-/// namespace, waits for it (at most 4 minutes, then kills it), reports its
-/// outcome and returns false; the caller then returns. In that child: returns
-/// true, and the test goes on inside the namespace (the replacements passed
-/// there are ignored; the test process's were mounted). Needs root: without
-/// it the test is skipped and false is returned.
-[[nodiscard]] bool insideMountNamespace(const std::vector<MountReplacement>& replacements);
+/// SANDBOX_BINDS for a user database of files only (written into sandbox) in
+/// which root's home is rootHome, or root has no entry when rootHome is empty.
+inline std::string userDatabaseBinds(const std::filesystem::path& sandbox, const std::string& rootHome) {
+    std::string passwd = "daemon:x:1:1:daemon:/usr/sbin:/usr/sbin/nologin\n";
+    if (!rootHome.empty()) passwd = "root:x:0:0:root:" + rootHome + ":/bin/bash\n" + passwd;
+    writeFile(sandbox / "passwd", passwd);
+    writeFile(sandbox / "nsswitch.conf", "passwd: files\ngroup: files\n");
+    return "SANDBOX_BINDS=/etc/passwd=" + (sandbox / "passwd").string() +
+           "\n/etc/nsswitch.conf=" + (sandbox / "nsswitch.conf").string();
+}
 
 }  // namespace TestSupport

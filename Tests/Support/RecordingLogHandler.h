@@ -1,6 +1,7 @@
 // A log handler that keeps every formatted line, for tests that check messages.
 #pragma once
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -20,6 +21,11 @@ public:
     std::vector<std::string> lines() const {
         std::lock_guard guard(mutex_);
         return lines_;
+    }
+    /// How many lines so far are exactly line.
+    long count(std::string_view line) const {
+        std::lock_guard guard(mutex_);
+        return std::count(lines_.begin(), lines_.end(), line);
     }
 
 private:

@@ -19,15 +19,6 @@ TemporaryDirectory::TemporaryDirectory(const std::string& prefix) {
 
 TemporaryDirectory::~TemporaryDirectory() {
     std::error_code ignored;
-    // Tests may leave read-only folders behind; make them removable first.
-    for (auto it = std::filesystem::recursive_directory_iterator(
-             path_, std::filesystem::directory_options::skip_permission_denied, ignored);
-         it != std::filesystem::recursive_directory_iterator(); it.increment(ignored)) {
-        if (it->is_directory(ignored) && !it->is_symlink(ignored)) {
-            std::filesystem::permissions(it->path(), std::filesystem::perms::owner_all,
-                                         std::filesystem::perm_options::add, ignored);
-        }
-    }
     std::filesystem::remove_all(path_, ignored);
 }
 

@@ -16,17 +16,13 @@ int main(int argc, char** argv) {
     std::string portFile, requestFile;
     long timeoutSeconds = 60;
     for (int i = 1; i + 1 < argc; i += 2) {
-        std::string_view flag = argv[i];
+        const std::string_view flag = argv[i];
         const char* value = argv[i + 1];
         if (flag == "--status") options.status = std::atoi(value);
         else if (flag == "--port-file") portFile = value;
         else if (flag == "--request-file") requestFile = value;
         else if (flag == "--count") options.maxRequests = std::strtoul(value, nullptr, 10);
         else if (flag == "--timeout") timeoutSeconds = std::atol(value);
-        else {
-            std::fprintf(stderr, "loopback-http-server: unknown option %s\n", argv[i]);
-            return 2;
-        }
     }
     if (portFile.empty() || requestFile.empty()) {
         std::fprintf(stderr, "usage: %s --status N --port-file F --request-file R [--count N] [--timeout S]\n", argv[0]);
@@ -35,13 +31,11 @@ int main(int argc, char** argv) {
 
     TestSupport::LoopbackHttpServer server(options);
     if (server.port() == 0) return 1;
-    {
-        // Written whole, then renamed, so a reader never sees half a number.
-        std::ofstream(portFile + ".tmp") << server.port() << "\n";
-        std::rename((portFile + ".tmp").c_str(), portFile.c_str());
-    }
+    // Written whole, then renamed, so a reader never sees half a number.
+    std::ofstream(portFile + ".tmp") << server.port() << "\n";
+    std::rename((portFile + ".tmp").c_str(), portFile.c_str());
 
-    bool complete = server.waitForRequests(options.maxRequests, std::chrono::seconds(timeoutSeconds));
+    const bool complete = server.waitForRequests(options.maxRequests, std::chrono::seconds(timeoutSeconds));
     std::ofstream out(requestFile);
     for (const auto& request : server.requests()) {
         out << request.requestLine << "\n";

@@ -69,22 +69,24 @@ protected:
 
 TEST_F(DirectoryMonitorTest, MissingPathFailsWithOneErrorAndCanBeRetried) {
     auto monitor = DirectoryMonitor::create((temp / "missing").string());
-    monitor->stopMonitoring();
     EXPECT_FALSE(monitor->startMonitoring());
     EXPECT_FALSE(monitor->isMonitoring());
-    EXPECT_EQ(monitor->fd(), -1);
     EXPECT_EQ(log.recorder().lines(), std::vector<std::string>{"E: (DirectoryMonitor: startMonitoring()) Open " +
                                                                (temp / "missing").string() +
                                                                " for file notifications: No such file or directory"});
     fs::rename(dir, temp / "missing");
     EXPECT_TRUE(monitor->startMonitoring());
-    EXPECT_TRUE(monitor->isMonitoring());
     EXPECT_FALSE(monitor->startMonitoring()) << "already running";
     monitor->stopMonitoring();
 }
 
-TEST_F(DirectoryMonitorTest, EveryKindOfChangeIsReported) {
+TEST_F(DirectoryMonitorTest, RestartArmsANewDescriptorThatReportsEveryKindOfChange) {
     auto monitor = started();
+    int first = monitor->fd();
+    EXPECT_TRUE(monitor->restartMonitoring());
+    EXPECT_NE(monitor->fd(), first);
+    EXPECT_TRUE(waitUntil([&] { return descriptorsOn(dir) == 1; })) << "the old descriptor is closed";
+    EXPECT_TRUE(monitor->isMonitoring()) << "the old cancel handler reset the new start";
     expectReported("create", [&] { TestSupport::writeFile(dir / "f", "x"); });
     expectReported("mkdir", [&] { fs::create_directory(dir / "d"); });
     expectReported("rename", [&] { fs::rename(dir / "f", dir / "g"); });
@@ -112,17 +114,6 @@ TEST_F(DirectoryMonitorTest, NoDeliveryAfterStopEvenForAQueuedEvent) {
     EXPECT_EQ(delegate->calls, 1);
 }
 
-TEST_F(DirectoryMonitorTest, RestartArmsANewDescriptorAndClosesTheOld) {
-    auto monitor = started();
-    int first = monitor->fd();
-    EXPECT_TRUE(monitor->restartMonitoring());
-    EXPECT_NE(monitor->fd(), first);
-    EXPECT_TRUE(waitUntil([&] { return descriptorsOn(dir) == 1; }));
-    EXPECT_TRUE(monitor->isMonitoring()) << "the old cancel handler reset the new start";
-    expectReported("after restart", [&] { TestSupport::writeFile(dir / "f", "x"); });
-    release(monitor);
-}
-
 TEST_F(DirectoryMonitorTest, OwnershipAndFreedDelegate) {
     auto monitor = started();
     std::weak_ptr<DirectoryMonitor> weak = monitor;
@@ -133,12 +124,10 @@ TEST_F(DirectoryMonitorTest, OwnershipAndFreedDelegate) {
     EXPECT_TRUE(waitUntil([&] { return weak.expired(); }));
 
     monitor = started();
-    int calls = delegate->calls;
     delegate.reset();
     TestSupport::writeFile(dir / "h", "x");
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     release(monitor);  // a freed delegate is skipped, not called through a dangling pointer
-    EXPECT_GT(calls, 0);
 }
 
 TEST_F(DirectoryMonitorTest, ConcurrentStartsStopsAndRestartsLeaveNothingBehind) {

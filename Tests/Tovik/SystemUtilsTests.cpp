@@ -2,73 +2,45 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <vector>
 
-#include "Support/RecordingLogHandler.h"
+#include "Support/LogCapture.h"
 #include "Support/TestSupport.h"
-#include "Tovik/Logger/Logger.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using Tovik::SystemUtil;
 using TestSupport::readFile;
-using TestSupport::TemporaryDirectory;
 using TestSupport::writeFile;
 
 class SystemUtilTest : public testing::Test {
 protected:
-    void SetUp() override {
-        Tovik::Logger::shared().setLogLevel(Tovik::LogLevel::verbose);
-        Tovik::Logger::shared().setHandlers({recorder_});
-    }
-    void TearDown() override { Tovik::Logger::shared().setHandlers({}); }
+    std::vector<std::string> logLines() { return log_.recorder().lines(); }
 
-    std::vector<std::string> logLines() { return recorder_->lines(); }
-
-    std::shared_ptr<TestSupport::RecordingLogHandler> recorder_ = std::make_shared<TestSupport::RecordingLogHandler>();
-    TemporaryDirectory temporary_;
+    TestSupport::ScopedLogCapture log_;
+    TestSupport::TemporaryDirectory temporary_;
 };
 
-TEST_F(SystemUtilTest, CollectsStandardOutputAndErrorInOrderAndReturnsTheExitStatus) {
+TEST_F(SystemUtilTest, CliUtilCollectsBothStreamsInOrderAndGivesMinus1111WhenItCannotLaunch) {
     auto [status, output] =
-        SystemUtil::cliUtil("/bin/sh", {"-c", "echo out; echo err >&2; echo more; exit 3"}, std::nullopt, true);
+        SystemUtil::cliUtil("/bin/sh", {"-c", "pwd; echo err >&2; echo more; exit 3"}, temporary_.path(), true);
     EXPECT_EQ(status, 3);
     ASSERT_TRUE(output.has_value());
-    EXPECT_EQ(std::string(output->begin(), output->end()), "out\nerr\nmore\n");
+    EXPECT_EQ(std::string(output->begin(), output->end()), fs::canonical(temporary_.path()).string() + "\nerr\nmore\n");
+    EXPECT_FALSE(SystemUtil::cliUtil("/bin/sh", {"-c", "exit 7"}, std::nullopt, false).second.has_value());
+    EXPECT_FALSE(SystemUtil::cliUtilText("/usr/bin/printf", {"a\\377b"}, std::nullopt, true).second) << "not UTF-8";
+    EXPECT_TRUE(logLines().empty());
 
-    auto [errorOnlyStatus, errorOnly] = SystemUtil::cliUtilText("/bin/sh", {"-c", "echo oops >&2"}, std::nullopt, true);
-    EXPECT_EQ(errorOnlyStatus, 0);
-    EXPECT_EQ(errorOnly, "oops\n");
-}
-
-TEST_F(SystemUtilTest, RunsInTheWorkingFolderAndCollectsNothingWhenNotAsked) {
-    auto [status, text] = SystemUtil::cliUtilText("/bin/pwd", {}, temporary_.path(), true);
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(text, fs::canonical(temporary_.path()).string() + "\n");
-
-    auto [quietStatus, none] = SystemUtil::cliUtil("/bin/sh", {"-c", "exit 7"}, std::nullopt, false);
-    EXPECT_EQ(quietStatus, 7);
-    EXPECT_FALSE(none.has_value());
-}
-
-TEST_F(SystemUtilTest, TextIsAbsentForOutputThatIsNotUtf8) {
-    auto [status, text] = SystemUtil::cliUtilText("/usr/bin/printf", {"a\\377b"}, std::nullopt, true);
-    EXPECT_EQ(status, 0);
-    EXPECT_FALSE(text.has_value());
-}
-
-TEST_F(SystemUtilTest, AToolThatCannotBeLaunchedGivesMinus1111AndOneErrorLine) {
-    auto [status, output] = SystemUtil::cliUtil(temporary_.path() / "no-such-tool", {"x"}, std::nullopt, true);
+    std::tie(status, output) = SystemUtil::cliUtil(temporary_ / "no-such-tool", {"x"}, std::nullopt, true);
     EXPECT_EQ(status, -1111);
     EXPECT_FALSE(output.has_value());
     const auto lines = logLines();
     ASSERT_EQ(lines.size(), 1u);
-    EXPECT_TRUE(lines[0].starts_with(
-        "E: (SystemUtils: cliUtil(path:arguments:currentDirPath:output:)) Error occured: "))
+    EXPECT_TRUE(
+        lines[0].starts_with("E: (SystemUtils: cliUtil(path:arguments:currentDirPath:output:)) Error occured: "))
         << lines[0];
     EXPECT_NE(lines[0].find("No such file or directory"), std::string::npos) << lines[0];
 }
@@ -96,7 +68,7 @@ TEST_F(SystemUtilTest, CompressesAFolderOrItsContentsAndUnpacksThemAgain) {
     EXPECT_EQ(logLines().back(), "I: (SystemUtils) Archive uncompressed into: " + target.string());
 }
 
-TEST_F(SystemUtilTest, CompressRefusesFilesAndInvalidExtensionsAndReportsZipFailures) {
+TEST_F(SystemUtilTest, CompressAndUncompressFailuresAreLogged) {
     writeFile(temporary_ / "file.txt", "x");
     EXPECT_FALSE(SystemUtil::compressFolder(temporary_ / "file.txt", "zip", false));
     fs::create_directories(temporary_ / "logs");
@@ -105,24 +77,20 @@ TEST_F(SystemUtilTest, CompressRefusesFilesAndInvalidExtensionsAndReportsZipFail
     fs::create_directories(temporary_ / "logs.zip");
     writeFile(temporary_ / "logs/a.log", "a");
     EXPECT_FALSE(SystemUtil::compressFolder(temporary_ / "logs", "zip", false));
+    writeFile(temporary_ / "broken.zip", "this is not a zip archive");
+    EXPECT_EQ(SystemUtil::uncompress(temporary_ / "broken.zip", temporary_.path()), std::nullopt);
 
     const auto lines = logLines();
-    ASSERT_EQ(lines.size(), 3u);
+    ASSERT_EQ(lines.size(), 4u);
     const std::string prefix = "E: (SystemUtils: compressFolder(folderUrl:ext:onlyContents:)) ";
     EXPECT_EQ(lines[0], prefix + "Input URL \"file://" + (temporary_ / "file.txt").string() + "\" must be a directory");
     EXPECT_EQ(lines[1], prefix + "Can't add \"a/b\" extension to: file://" + (temporary_ / "logs").string());
     EXPECT_TRUE(lines[2].starts_with(prefix + "Zipping util failed with code: ")) << lines[2];
     EXPECT_NE(lines[2].find("\nOutput:\n"), std::string::npos) << lines[2];
-}
-
-TEST_F(SystemUtilTest, UncompressOfADamagedArchiveIsAbsentAndLogsStatusAndOutput) {
-    writeFile(temporary_ / "broken.zip", "this is not a zip archive");
-    EXPECT_EQ(SystemUtil::uncompress(temporary_ / "broken.zip", temporary_.path()), std::nullopt);
-    const auto lines = logLines();
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_TRUE(lines[0].starts_with("E: (SystemUtils: uncompress(_:targetFolderUrl:)) Archive uncompressing result: 9. Output: "))
-        << lines[0];
-    EXPECT_NE(lines[0].find("broken.zip"), std::string::npos);
+    EXPECT_TRUE(lines[3].starts_with(
+        "E: (SystemUtils: uncompress(_:targetFolderUrl:)) Archive uncompressing result: 9. Output: "))
+        << lines[3];
+    EXPECT_NE(lines[3].find("broken.zip"), std::string::npos);
 }
 
 }  // namespace

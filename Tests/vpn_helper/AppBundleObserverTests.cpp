@@ -33,21 +33,15 @@ protected:
                                "<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key>"
                                "<string>com.velmora.mac.vpn</string></dict></plist>");
     }
-    long count(const std::string& line) const {
-        auto lines = log.recorder().lines();
-        return std::count(lines.begin(), lines.end(), line);
-    }
-    AppBundleObserver::Completion completion(std::atomic<int>& calls) {
-        return [this, &calls](const std::string& path) {
+    long count(const std::string& line) const { return log.recorder().count(line); }
+    // Starts observer with a completion counting into calls; returns once its monitor is armed.
+    void start(std::atomic<int>& calls) {
+        observer->startMonitoring([this, &calls](const std::string& path) {
             EXPECT_EQ(path, bundle.string());
+            EXPECT_TRUE(observer->queue().isCurrent());
             ++calls;
-        };
-    }
-    // Starts observer and waits until its monitor is armed.
-    void start(const std::shared_ptr<AppBundleObserver>& observer, std::atomic<int>& calls) {
-        observer->startMonitoring(completion(calls));
+        });
         observer->queue().sync([] {});
-        EXPECT_EQ(count(startLine), ++starts);
     }
     // Blocks the observer's queue until the returned semaphore is signalled.
     static Dispatch::DispatchSemaphore hold(const Dispatch::DispatchQueue& queue) {
@@ -57,9 +51,9 @@ protected:
         return release;
     }
     // Lets the events still on their way arrive and be handled.
-    static void settle(const Dispatch::DispatchQueue& queue) {
+    void settle() {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        queue.sync([] {});
+        observer->queue().sync([] {});
     }
 
     TestSupport::ScopedLogCapture log;
@@ -72,59 +66,50 @@ protected:
     std::string startLine = "I: (AppBundleObserver) Start removal observer for path: " + bundle.string() +
                             " and bundle: com.velmora.mac.vpn with result: true";
     std::atomic<int> calls{0};
-    long starts = 0;
 };
 
 TEST_F(AppBundleObserverTest, DeletingTheBundleFiresOnceOnTheQueue) {
-    std::atomic<bool> onQueue{false};
-    observer->startMonitoring([&](const std::string&) { onQueue = observer->queue().isCurrent(), ++calls; });
-    ASSERT_TRUE(waitUntil([&] { return count(startLine) == 1; }));
+    start(calls);
     TestSupport::writeFile(bundle / "update", "x");
     ASSERT_TRUE(waitUntil([&] { return count(kExists) >= 1; }));
-    observer->directoryMonitorDidObserveChange(Tovik::DirectoryMonitor::create(bundle.string()));  // not ours
     fs::remove_all(bundle);
     ASSERT_TRUE(waitUntil([&] { return calls == 1; }));
-    EXPECT_TRUE(onQueue);
-    EXPECT_EQ(count(kNoMonitor), 1);
+    // A later event finds no monitor and fires nothing.
+    settle();
+    const long gone = count(kNoMonitor);
     observer->directoryMonitorDidObserveChange(Tovik::DirectoryMonitor::create(bundle.string()));
-    settle(observer->queue());
-    EXPECT_EQ(count(kNoMonitor), 2);
+    observer->queue().sync([] {});
+    EXPECT_EQ(count(kNoMonitor), gone + 1);
     EXPECT_EQ(calls, 1);
 }
 
-TEST_F(AppBundleObserverTest, MovingTheBundleToTheTrashFires) {
-    start(observer, calls);
+TEST_F(AppBundleObserverTest, StartingAgainReplacesMonitorAndCompletionAndMovingToTheTrashFires) {
+    std::atomic<int> firstCalls{0};
+    start(firstCalls);
+    start(calls);
+    EXPECT_TRUE(waitUntil([&] { return descriptorsOn(bundle) == 1; })) << "the first monitor still runs";
     fs::create_directory(temp / ".Trash");
     fs::rename(bundle, temp / ".Trash" / "Velmora VPN.app");
     ASSERT_TRUE(waitUntil([&] { return calls == 1; }));
+    EXPECT_EQ(firstCalls, 0);
     EXPECT_EQ(descriptorsOn(temp / ".Trash" / "Velmora VPN.app"), 0) << "the fired observer still watches";
 }
 
 TEST_F(AppBundleObserverTest, ReplacingTheBundleInPlaceDoesNotFire) {
-    start(observer, calls);
+    start(calls);
     auto release = hold(observer->queue());
     fs::remove_all(bundle);
     makeBundle();
     release.signal();
     ASSERT_TRUE(waitUntil([&] { return count(kExists) >= 1; }));
-    settle(observer->queue());
+    settle();
     EXPECT_EQ(calls, 0);
-}
-
-TEST_F(AppBundleObserverTest, StartingAgainReplacesMonitorAndCompletion) {
-    std::atomic<int> firstCalls{0};
-    start(observer, firstCalls);
-    start(observer, calls);
-    EXPECT_TRUE(waitUntil([&] { return descriptorsOn(bundle) == 1; })) << "the first monitor still runs";
-    fs::remove_all(bundle);
-    ASSERT_TRUE(waitUntil([&] { return calls == 1; }));
-    EXPECT_EQ(firstCalls, 0);
 }
 
 TEST_F(AppBundleObserverTest, ReleasedObserverNeitherStartsNorKeepsWatching) {
     Dispatch::DispatchQueue queue = observer->queue();
     auto release = hold(queue);
-    observer->startMonitoring(completion(calls));
+    observer->startMonitoring([](const std::string&) { ADD_FAILURE() << "fired"; });
     std::weak_ptr<AppBundleObserver> weak = observer;
     observer.reset();
     EXPECT_TRUE(weak.expired()) << "a pending start keeps the observer alive";
@@ -134,18 +119,9 @@ TEST_F(AppBundleObserverTest, ReleasedObserverNeitherStartsNorKeepsWatching) {
     EXPECT_EQ(descriptorsOn(bundle), 0);
 
     observer = AppBundleObserver::create("com.velmora.mac.vpn", workspace);
-    start(observer, calls);
+    start(calls);
     observer.reset();
     EXPECT_TRUE(waitUntil([&] { return descriptorsOn(bundle) == 0; }));
-}
-
-TEST_F(AppBundleObserverTest, UnlocatedApplicationIsNeverWatched) {
-    observer = AppBundleObserver::create("com.example.absent", workspace);
-    EXPECT_EQ(observer->appBundleUrl(), std::nullopt);
-    observer->startMonitoring(completion(calls));
-    observer->queue().sync([] {});
-    EXPECT_EQ(count("W: (AppBundleObserver) Failed to obtain app url for bundle: com.example.absent"), 1);
-    EXPECT_EQ(descriptorsOn(bundle), 0);
 }
 
 }  // namespace

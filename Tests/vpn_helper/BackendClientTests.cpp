@@ -7,8 +7,7 @@
 #include <vector>
 
 #include "Support/LoopbackHttpServer.h"
-#include "Support/RecordingLogHandler.h"
-#include "Tovik/Logger/Logger.h"
+#include "Support/LogCapture.h"
 #include "vpn_helper/ProductInfo.h"
 
 namespace {
@@ -22,36 +21,39 @@ struct FakeDevConfig {
     std::map<DevConfigKey, json> values;
     std::vector<std::string> asked;
 
-    BackendClient::DevConfigReader reader() {
-        return [this](DevConfigKey key) -> std::optional<json> {
+    std::shared_ptr<VLVpnClient::VLVpnBackendClientConfig> makeConfig(const std::string& version = "2.11.0") {
+        auto reader = [this](DevConfigKey key) -> std::optional<json> {
             asked.emplace_back(VpnHelper::rawValue(key));
-            const auto entry = values.find(key);
-            if (entry == values.end()) return std::nullopt;
-            return entry->second;
+            return values.contains(key) ? std::optional(values[key]) : std::nullopt;
         };
+        return BackendClient::makeConfig(reader, std::nullopt, version);
     }
 };
 
-std::vector<int64_t> parts(std::string_view version) {
-    const auto v = BackendClient::appVersion(version);
-    return {v->major, v->minor, v->patch, v->build};
-}
-
 TEST(BackendClientTest, VersionPartsAreSignedDecimalsAndZeroOtherwise) {
-    EXPECT_EQ(parts("2.11.0"), (std::vector<int64_t>{2, 11, 0, 1143}));
-    EXPECT_EQ(parts("3.x.7"), (std::vector<int64_t>{3, 0, 7, 1143}));
-    EXPECT_EQ(parts("+4.-2.99999999999999999999"), (std::vector<int64_t>{4, -2, 0, 1143}));
-    EXPECT_EQ(parts("1.2.3.4"), (std::vector<int64_t>{1, 2, 3, 1143}));
-    EXPECT_EQ(parts("5"), (std::vector<int64_t>{5, 0, 0, 1143}));
-    EXPECT_EQ(parts("+-1..07 "), (std::vector<int64_t>{0, 0, 0, 1143}));
-    EXPECT_EQ(parts(""), (std::vector<int64_t>{0, 0, 0, 1143}));
+    const std::pair<const char*, std::vector<int64_t>> cases[] = {
+        {"2.11.0", {2, 11, 0}},     {"3.x.7", {3, 0, 7}}, {"+4.-2.99999999999999999999", {4, -2, 0}},
+        {"1.2.3.4", {1, 2, 3}},     {"5", {5, 0, 0}},     {"+-1..07 ", {0, 0, 0}},
+        {"", {0, 0, 0}}};
+    for (const auto& [text, expected] : cases) {
+        const auto v = BackendClient::appVersion(text);
+        EXPECT_EQ((std::vector<int64_t>{v->major, v->minor, v->patch, v->build}),
+                  (std::vector<int64_t>{expected[0], expected[1], expected[2], 1143})) << text;
+    }
 }
 
-TEST(BackendClientTest, ConfigurationWithoutDeveloperKeysHasFixedValuesAndNoOverrides) {
+TEST(BackendClientTest, KeysAreReadInOrderAndWrongTypesCountAsMissing) {
     FakeDevConfig devConfig;
-    const auto config = BackendClient::makeConfig(devConfig.reader(), "/tmp/selector", "2.11.0");
+    devConfig.values = {{DevConfigKey::disableOutboundInterfaceBinding, 1},
+                        {DevConfigKey::configFetchTimeoutMs, "2500"},
+                        {DevConfigKey::configFetchUrls, json::array({"https://a.test/c", 7})},
+                        {DevConfigKey::apiFallbackDomain, json::array({"http://127.0.0.1"})},
+                        {DevConfigKey::tmTxtDomain, nullptr}};
+    const auto config = devConfig.makeConfig();
     EXPECT_EQ(config->timeoutMs, 10000);
-    EXPECT_EQ(config->backendSelectorCacheDirectory, "/tmp/selector");
+    EXPECT_FALSE(config->disableOutboundInterfaceBinding);
+    EXPECT_EQ(config->backendSelectorConfigFetchTimeoutMs,
+              VLVpnClient::VLVpnBackendClientConfig::defaultBackendSelectorConfigFetchTimeoutMs);
     EXPECT_EQ(config->protocolConfigOverrides, nullptr);
     EXPECT_EQ(config->appVersion->minor, 11);
     EXPECT_EQ(devConfig.asked,
@@ -61,68 +63,63 @@ TEST(BackendClientTest, ConfigurationWithoutDeveloperKeysHasFixedValuesAndNoOver
                                         "tm_fallback_domain"}));
 }
 
-TEST(BackendClientTest, OneOverrideAttachesAnOverridesObjectWithTheBuiltInTelemetryDomains) {
-    FakeDevConfig devConfig;
-    devConfig.values[DevConfigKey::authTxtDomain] = "auth.dev.test";
-    const auto overrides = BackendClient::makeConfig(devConfig.reader(), std::nullopt, "2.11.0")->protocolConfigOverrides;
+TEST(BackendClientTest, DeveloperKeysOfTheRightTypeAreApplied) {
+    FakeDevConfig one;
+    one.values[DevConfigKey::authTxtDomain] = "auth.dev.test";
+    const auto overrides = one.makeConfig()->protocolConfigOverrides;
     ASSERT_NE(overrides, nullptr);
     EXPECT_EQ(overrides->authTxtDomain, "auth.dev.test");
+    // One override is enough for an overrides object, which starts with the built-in telemetry domains.
     EXPECT_EQ(overrides->tmTxtDomain, BackendClient::builtInTmTxtDomain);
     EXPECT_EQ(overrides->tmFallbackDomain, BackendClient::builtInTmFallbackDomain);
     EXPECT_EQ(overrides->apiFallbackDomain, std::nullopt);
     EXPECT_EQ(overrides->backendSelectorConfigFetchUrls, std::nullopt);
-}
 
-TEST(BackendClientTest, EveryDeveloperKeyOfTheRightTypeIsApplied) {
-    FakeDevConfig devConfig;
-    devConfig.values = {{DevConfigKey::disableOutboundInterfaceBinding, true},
-                        {DevConfigKey::configFetchTimeoutMs, 2500},
-                        {DevConfigKey::configFetchUrls, json::array({"https://a.test/c", "https://b.test/c"})},
-                        {DevConfigKey::authTxtDomain, "auth.txt"},
-                        {DevConfigKey::apiTxtDomain, "api.txt"},
-                        {DevConfigKey::authFallbackDomain, "auth.fallback"},
-                        {DevConfigKey::apiFallbackDomain, "http://127.0.0.1:8080"},
-                        {DevConfigKey::tmTxtDomain, "tm.txt"},
-                        {DevConfigKey::tmFallbackDomain, "tm.fallback/tm"}};
-    const auto config = BackendClient::makeConfig(devConfig.reader(), std::nullopt, "2.11.0");
+    using Overrides = VLVpnClient::VLVpnBackendClientProtocolEv1Overrides;
+    const std::pair<DevConfigKey, std::optional<std::string> Overrides::*> strings[] = {
+        {DevConfigKey::authTxtDomain, &Overrides::authTxtDomain},
+        {DevConfigKey::apiTxtDomain, &Overrides::apiTxtDomain},
+        {DevConfigKey::authFallbackDomain, &Overrides::authFallbackDomain},
+        {DevConfigKey::apiFallbackDomain, &Overrides::apiFallbackDomain},
+        {DevConfigKey::tmTxtDomain, &Overrides::tmTxtDomain},
+        {DevConfigKey::tmFallbackDomain, &Overrides::tmFallbackDomain}};
+    FakeDevConfig all;
+    all.values = {{DevConfigKey::disableOutboundInterfaceBinding, true},
+                  {DevConfigKey::configFetchTimeoutMs, 2500},
+                  {DevConfigKey::configFetchUrls, json::array({"https://a.test/c", "https://b.test/c"})}};
+    for (const auto& [key, member] : strings) all.values[key] = std::string(VpnHelper::rawValue(key)) + ".test";
+    const auto config = all.makeConfig();
     EXPECT_TRUE(config->disableOutboundInterfaceBinding);
     EXPECT_EQ(config->backendSelectorConfigFetchTimeoutMs, 2500);
-    const auto& overrides = *config->protocolConfigOverrides;
-    EXPECT_EQ(overrides.backendSelectorConfigFetchUrls, (std::vector<std::string>{"https://a.test/c", "https://b.test/c"}));
-    EXPECT_EQ(overrides.authTxtDomain, "auth.txt");
-    EXPECT_EQ(overrides.apiTxtDomain, "api.txt");
-    EXPECT_EQ(overrides.authFallbackDomain, "auth.fallback");
-    EXPECT_EQ(overrides.apiFallbackDomain, "http://127.0.0.1:8080");
-    EXPECT_EQ(overrides.tmTxtDomain, "tm.txt");
-    EXPECT_EQ(overrides.tmFallbackDomain, "tm.fallback/tm");
-}
-
-TEST(BackendClientTest, KeysOfTheWrongTypeCountAsMissing) {
-    FakeDevConfig devConfig;
-    devConfig.values = {{DevConfigKey::disableOutboundInterfaceBinding, 1},
-                        {DevConfigKey::configFetchTimeoutMs, "2500"},
-                        {DevConfigKey::configFetchUrls, json::array({"https://a.test/c", 7})},
-                        {DevConfigKey::apiFallbackDomain, json::array({"http://127.0.0.1"})},
-                        {DevConfigKey::tmTxtDomain, nullptr}};
-    const auto config = BackendClient::makeConfig(devConfig.reader(), std::nullopt, "2.11.0");
-    EXPECT_FALSE(config->disableOutboundInterfaceBinding);
-    EXPECT_EQ(config->backendSelectorConfigFetchTimeoutMs,
-              VLVpnClient::VLVpnBackendClientConfig::defaultBackendSelectorConfigFetchTimeoutMs);
-    EXPECT_EQ(config->protocolConfigOverrides, nullptr);
+    EXPECT_EQ(config->protocolConfigOverrides->backendSelectorConfigFetchUrls,
+              (std::vector<std::string>{"https://a.test/c", "https://b.test/c"}));
+    for (const auto& [key, member] : strings) {
+        EXPECT_EQ((*config->protocolConfigOverrides).*member, std::string(VpnHelper::rawValue(key)) + ".test");
+    }
 }
 
 TEST(BackendClientTest, DaemonDetailsReachTheBackendThroughTheApiFallbackDomain) {
+    // The version string is the main bundle's "VLVersion", fixed on first use: checked in a fresh process.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            BackendClient::setMainBundleInfoLookup([](std::string_view key) {
+                return key == "VLVersion" ? std::optional<std::string>("3.4.5") : std::nullopt;
+            });
+            std::exit(BackendClient::appVersionString() == "3.4.5" ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
+
     TestSupport::LoopbackHttpServer server;
     FakeDevConfig devConfig;
     devConfig.values[DevConfigKey::apiFallbackDomain] = server.url();
     const auto details = BackendClient::defaultAppDetails();
     EXPECT_EQ(details->appType, 8);
-    EXPECT_EQ(details->version, "2.11.0");
+    EXPECT_EQ(details->version, "2.11.0");  // without a "VLVersion"
     EXPECT_FALSE(details->language.empty());
 
-    const auto client = VLVpnClient::VLVpnBackendClient::create(
-        BackendClient::makeConfig(devConfig.reader(), std::nullopt, BackendClient::appVersionString()), details,
-        BackendClient::defaultIpcConfig());
+    const auto client = VLVpnClient::VLVpnBackendClient::create(devConfig.makeConfig(BackendClient::appVersionString()),
+                                                                details, BackendClient::defaultIpcConfig());
     ASSERT_NE(client, nullptr);
     EXPECT_EQ(client->appsApi()->trackAppUninstall(), std::nullopt);
     ASSERT_EQ(server.requests().size(), 1u);
@@ -132,18 +129,13 @@ TEST(BackendClientTest, DaemonDetailsReachTheBackendThroughTheApiFallbackDomain)
 }
 
 TEST(ProductInfoTest, MacAddressElseSerialNumberWithAWarning) {
-    auto recorder = std::make_shared<TestSupport::RecordingLogHandler>();
-    Tovik::Logger::shared().setHandlers({recorder});
+    TestSupport::ScopedLogCapture log;
     int serialAsked = 0;
-    const auto serial = [&] {
-        ++serialAsked;
-        return std::string("NOSERIALNUMBER");
-    };
+    const auto serial = [&] { return ++serialAsked, std::string("NOSERIALNUMBER"); };
     EXPECT_EQ(VpnHelper::ProductInfo::appId(std::string("0a0b0c0d0e0f"), serial), "0a0b0c0d0e0f");
     EXPECT_EQ(serialAsked, 0);
     EXPECT_EQ(VpnHelper::ProductInfo::appId(std::nullopt, serial), "NOSERIALNUMBER");
-    Tovik::Logger::shared().setHandlers({});
-    EXPECT_EQ(recorder->lines(), std::vector<std::string>{"W: (ProductInfo) Failed to get mac address - using serial number"});
+    EXPECT_EQ(log.recorder().lines(), std::vector<std::string>{"W: (ProductInfo) Failed to get mac address - using serial number"});
 }
 
 }  // namespace

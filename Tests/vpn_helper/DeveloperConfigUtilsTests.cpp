@@ -1,5 +1,6 @@
 #include "vpn_helper/DeveloperConfigUtils.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,7 +21,6 @@ const std::string kCheck = "D: (DeveloperConfigUtils: checkFile()) ";
 const std::string kReload = "D: (DeveloperConfigUtils: subscript(_:)) Reloading devConfig.json";
 const std::string kSkip =
     "D: (DeveloperConfigUtils: subscript(_:)) Skipping to reload devConfig.json - incorrect file permissions";
-const std::string kPermissions = kCheck + "Dev config file must have permissions readonly for other.";
 
 class DeveloperConfigUtilsTest : public ::testing::Test {
 protected:
@@ -32,10 +32,7 @@ protected:
         EXPECT_EQ(::chmod((temp / name).c_str(), mode), 0);
         return temp / name;
     }
-    long count(const std::string& line) const {
-        auto lines = log.recorder().lines();
-        return std::count(lines.begin(), lines.end(), line);
-    }
+    long count(const std::string& line) const { return log.recorder().count(line); }
     std::optional<nlohmann::json> read(DevConfigKey key = DevConfigKey::authTxtDomain) { return utils[key]; }
 
     TestSupport::ScopedLogCapture log{Tovik::LogLevel::debug};
@@ -44,34 +41,28 @@ protected:
     DeveloperConfigUtils utils{path};
 };
 
-TEST_F(DeveloperConfigUtilsTest, PermissionMatrix) {
+TEST_F(DeveloperConfigUtilsTest, OnlyARootOwnedRegularFileThatOnlyItsOwnerCanWriteIsUsed) {
     for (mode_t mode : {0644, 0600, 0444, 0744, 0664, 0646, 0000, 0654, 0645}) {
         bool usable = (mode & 033) == 0 && mode != 0;
         write(R"({"auth_txt_domain": "ok"})", mode);
-        long rejected = count(kPermissions);
         EXPECT_EQ(DeveloperConfigUtils(path)[DevConfigKey::authTxtDomain],
                   usable ? std::optional(nlohmann::json("ok")) : std::nullopt) << std::oct << mode;
-        EXPECT_EQ(count(kPermissions), rejected + (usable ? 0 : 1)) << std::oct << mode;
     }
-}
+    EXPECT_EQ(count(kCheck + "Dev config file must have permissions readonly for other."), 5);
 
-TEST_F(DeveloperConfigUtilsTest, RejectsOtherOwnersLinksAndNonFiles) {
     fs::path good = write(R"({"auth_txt_domain": "ok"})", 0644, "good.json");
-    write(R"({"auth_txt_domain": "other"})", 0400);
+    write(R"({"auth_txt_domain": "other"})");
     ASSERT_EQ(::chown(path.c_str(), 1, 1), 0);
     EXPECT_EQ(read(), std::nullopt);
     EXPECT_EQ(count(kCheck + "Dev config file is not root owned"), 1);
-
     fs::remove(path);
     fs::create_symlink(good, path);
     EXPECT_EQ(read(), std::nullopt);
     EXPECT_EQ(count(kCheck + "Dev config file not exists: Too many levels of symbolic links"), 1);
-
     fs::remove(path);
     ASSERT_EQ(::mkfifo(path.c_str(), 0644), 0);  // must not hang the check
     EXPECT_EQ(read(), std::nullopt);
     EXPECT_EQ(count(kCheck + "Dev config file not exists: Not a regular file"), 1);
-    EXPECT_EQ(count(kSkip), 3);
 }
 
 TEST_F(DeveloperConfigUtilsTest, AbsentFileIsCheckedOnEveryReadUntilOneLoads) {
@@ -95,35 +86,13 @@ TEST_F(DeveloperConfigUtilsTest, ArraysAndInvalidJsonMakeEveryKeyMissingForGood)
         EXPECT_TRUE(fresh.checkFile());
         for (DevConfigKey key : VpnHelper::allDevConfigKeys) EXPECT_EQ(fresh[key], std::nullopt);
     }
-    auto lines = log.recorder().lines();
     EXPECT_EQ(count("E: (DeveloperConfigUtils: parse()) Valid JSON, but invalid dev config JSON"), 1);
-    EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [](const std::string& l) {
-                  return l.starts_with("E: (DeveloperConfigUtils: parse()) Can't convert dev config json with "
-                                       "error: [json.exception.parse_error");
-              }), 1);
+    EXPECT_THAT(log.recorder().lines(), ::testing::Contains(::testing::StartsWith(
+                                            "E: (DeveloperConfigUtils: parse()) Can't convert dev config json with "
+                                            "error: [json.exception.parse_error")).Times(1));
     EXPECT_EQ(count(kReload), 2);
-    EXPECT_EQ(count(kCheck + "Can't obtain url for dev config file."), 0);
     EXPECT_EQ(DeveloperConfigUtils(std::nullopt)[DevConfigKey::apiTxtDomain], std::nullopt);
     EXPECT_EQ(count(kCheck + "Can't obtain url for dev config file."), 1);
-}
-
-TEST_F(DeveloperConfigUtilsTest, KeysUseTheirJsonNamesInCaseOrder) {
-    const char* names[] = {"auth_txt_domain", "api_txt_domain", "auth_fallback_domain", "api_fallback_domain",
-                           "disable_outbound_interface_binding", "tds_base_link", "promo_time_till_the_first_show",
-                           "promo_time_duration", "config_fetch_urls", "config_fetch_timeout_ms", "tm_txt_domain",
-                           "tm_fallback_domain", "app_force_using_trace_logs", "show_traffic_limit_reached_on_start",
-                           "show_free_traffic_left_on_start", "show_too_many_device_connected_on_start",
-                           "force_app_update", "handler_profiling_enabled", "ab_tests", "force_regional_blocks_promo"};
-    nlohmann::json file;
-    for (size_t i = 0; i < std::size(names); ++i) file[names[i]] = i;
-    write(file.dump());
-    ASSERT_EQ(VpnHelper::allDevConfigKeys.size(), std::size(names));
-    EXPECT_EQ(DeveloperConfigUtils::queue().label(), "backend.client.queue");
-    for (size_t i = 0; i < std::size(names); ++i) {
-        DevConfigKey key = VpnHelper::allDevConfigKeys[i];
-        EXPECT_EQ(static_cast<size_t>(key), i);
-        EXPECT_EQ(DeveloperConfigUtils::queue().sync([&] { return read(key); }), nlohmann::json(i)) << names[i];
-    }
 }
 
 // An attacker swaps the path between the good file and a symbolic or hard

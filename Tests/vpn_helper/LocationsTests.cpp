@@ -1,6 +1,6 @@
-// The folder values run in a private mount namespace whose /Library (and, for
-// the group container, /etc/passwd) are temporary stand-ins, so each test gets
-// a fresh process with unset one-time values and a machine-wide Library of its own.
+// The folder values run in scripts/sandbox.sh, each test in a fresh process
+// (unset one-time values) with a /Library of its own and, for the group
+// container, a user database of its own.
 #include "vpn_helper/Locations.h"
 
 #include <gtest/gtest.h>
@@ -8,12 +8,12 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 
-#include "Support/MountNamespace.h"
 #include "Support/LogCapture.h"
+#include "Support/MountNamespace.h"
 #include "Support/TestSupport.h"
 
 namespace fs = std::filesystem;
-using TestSupport::insideMountNamespace;
+using TestSupport::insideSandbox;
 using TestSupport::ScopedLogCapture;
 using TestSupport::TemporaryDirectory;
 using VpnHelper::Locations;
@@ -21,26 +21,13 @@ using VpnHelper::Locations;
 namespace {
 
 const std::string createFailure = "E: (Locations: create(url:title:attr:)) Cannot create ";
+const fs::path sharedLogs = "/Library/Logs/com.velmora.mac.vpn";
+const fs::path shared = "/Library/Application Support/Velmora Software/com.velmora.mac.vpn";
 
 mode_t modeOf(const fs::path& path) {
     struct stat info {};
     return stat(path.c_str(), &info) == 0 ? info.st_mode & 07777 : 0;
 }
-
-// A user database whose root has its home folder at home, and, without home,
-// one that has no entry for root at all (files only, no synthesised users).
-struct UserDatabase {
-    TemporaryDirectory dir{"userdb"};
-    explicit UserDatabase(const std::optional<fs::path>& home) {
-        std::string passwd = "daemon:x:1:1:daemon:/usr/sbin:/usr/sbin/nologin\n";
-        if (home) passwd = "root:x:0:0:root:" + home->string() + ":/bin/bash\n" + passwd;
-        TestSupport::writeFile(dir / "passwd", passwd);
-        TestSupport::writeFile(dir / "nsswitch.conf", "passwd: files\ngroup: files\n");
-    }
-    std::vector<TestSupport::MountReplacement> replacements() const {
-        return {{"/etc/passwd", dir / "passwd"}, {"/etc/nsswitch.conf", dir / "nsswitch.conf"}};
-    }
-};
 
 }  // namespace
 
@@ -67,72 +54,41 @@ TEST(LocationsTests, CreateReportsWhyAMissingFolderCannotBeMade) {
     EXPECT_EQ(capture.recorder().lines().size(), 1u);
 }
 
-TEST(LocationsTests, SharedFoldersAreMadeInTheLocalLibrary) {
-    TemporaryDirectory library("library");
-    if (!insideMountNamespace({{"/Library", library.path()}})) {
-        EXPECT_EQ(modeOf(library / "Logs/com.velmora.mac.vpn"), 0755u);
-        EXPECT_TRUE(fs::is_directory(library / "Application Support/Velmora Software/com.velmora.mac.vpn"));
-        return;
-    }
-    ScopedLogCapture capture;
-    umask(077);
-
-    auto logs = Locations::sharedLogsFolder();
-    ASSERT_EQ(logs, fs::path("/Library/Logs/com.velmora.mac.vpn"));
-    EXPECT_EQ(modeOf(*logs), 0755u);
-
-    const fs::path shared = "/Library/Application Support/Velmora Software/com.velmora.mac.vpn";
-    EXPECT_EQ(Locations::sharedFolder(), shared);
-    EXPECT_EQ(Locations::sharedFolder(), shared);
-    EXPECT_TRUE(fs::is_directory(shared));
-    EXPECT_TRUE(capture.recorder().lines().empty());
-}
-
 TEST(LocationsTests, ExistingFoldersAreReturnedEvenWhenTheyCannotBeUpdated) {
-    TemporaryDirectory library("library");
-    fs::create_directories(library / "Logs/com.velmora.mac.vpn");
-    fs::permissions(library / "Logs/com.velmora.mac.vpn", fs::perms::owner_all);
-    if (!insideMountNamespace({{"/Library", library.path(), true}})) return;
+    TemporaryDirectory sandbox("sandbox");
+    fs::create_directories(sandbox / "Library/Logs/com.velmora.mac.vpn");
+    fs::permissions(sandbox / "Library/Logs/com.velmora.mac.vpn", fs::perms::owner_all);
+    if (!insideSandbox(sandbox.path(), {"SANDBOX_BINDS=/Library=" + (sandbox / "Library:ro").string()})) return;
     ScopedLogCapture capture;
 
     // chmod to 0755 fails on the read-only Library; the folder existed.
-    EXPECT_EQ(Locations::sharedLogsFolder(), fs::path("/Library/Logs/com.velmora.mac.vpn"));
-    EXPECT_EQ(modeOf("/Library/Logs/com.velmora.mac.vpn"), 0700u);
-    EXPECT_TRUE(capture.recorder().lines().empty());
-
+    EXPECT_EQ(Locations::sharedLogsFolder(), sharedLogs);
+    EXPECT_EQ(modeOf(sharedLogs), 0700u);
     EXPECT_FALSE(Locations::sharedFolder());
     EXPECT_EQ(capture.recorder().lines(),
-              std::vector<std::string>{createFailure +
-                                       "Shared data directory (/Library/Application Support/Velmora "
-                                       "Software/com.velmora.mac.vpn) with error: Read-only file system"});
+              std::vector<std::string>{createFailure + "Shared data directory (" + shared.string() +
+                                       ") with error: Read-only file system"});
 }
 
-TEST(LocationsTests, WithoutALocalLibraryOnlyTheLogsFolderMakesOne) {
-    if (!insideMountNamespace({})) return;
-    if (fs::exists("/Library")) GTEST_SKIP() << "this machine has a /Library";
-    ScopedLogCapture capture;
-
-    EXPECT_FALSE(Locations::sharedFolder());
-    EXPECT_FALSE(fs::exists("/Library"));
-    EXPECT_EQ(Locations::sharedLogsFolder(), fs::path("/Library/Logs/com.velmora.mac.vpn"));
-    EXPECT_TRUE(capture.recorder().lines().empty());
-}
-
-TEST(LocationsTests, GroupFoldersLiveInTheEffectiveUsersHomeAndAreResolvedOnce) {
-    TemporaryDirectory home("home");
-    UserDatabase users(home.path());
-    if (!insideMountNamespace(users.replacements())) return;
-    setenv("HOME", "/nonexistent", 1);  // the user database decides, not $HOME
+TEST(LocationsTests, FoldersAreMadeInTheLocalLibraryAndInTheUsersHome) {
+    TemporaryDirectory sandbox("sandbox");
+    if (!insideSandbox(sandbox.path(), {TestSupport::userDatabaseBinds(sandbox.path(), sandbox / "home")})) return;
+    setenv("HOME", "/nonexistent", 1);
     const fs::path group = fs::path(getpwuid(0)->pw_dir) / "Library/Group Containers/QX4HL2ZC8M.com.velmora.mac";
+    ASSERT_NE(group.string().find("/sandbox-"), std::string::npos) << "not the sandbox's user database";
     ScopedLogCapture capture;
+    umask(077);
+
+    EXPECT_EQ(Locations::sharedLogsFolder(), sharedLogs);
+    EXPECT_EQ(modeOf(sharedLogs), 0755u);
+    EXPECT_EQ(Locations::sharedFolder(), shared);
+    EXPECT_EQ(Locations::sharedFolder(), shared);
 
     EXPECT_EQ(Locations::groupLogsFolder(), group / "Library/Logs/com.velmora.mac.vpn");
     EXPECT_EQ(Locations::appGroupFolder(), group);
     EXPECT_EQ(Locations::tmpStorageFolder(), group / "Library/Application Support/com.velmora.mac.vpn/TmpStorage");
     EXPECT_EQ(Locations::groupDataFolder(), group / "Library/Application Support/com.velmora.mac.vpn");
-    EXPECT_TRUE(fs::is_directory(group / "Library/Logs/com.velmora.mac.vpn"));
     EXPECT_TRUE(fs::is_directory(group / "Library/Application Support/com.velmora.mac.vpn/TmpStorage"));
-
     // Computed once: removing the folders does not bring them back.
     fs::remove_all(group);
     EXPECT_EQ(Locations::groupLogsFolder(), group / "Library/Logs/com.velmora.mac.vpn");
@@ -140,20 +96,24 @@ TEST(LocationsTests, GroupFoldersLiveInTheEffectiveUsersHomeAndAreResolvedOnce) 
     EXPECT_TRUE(capture.recorder().lines().empty());
 }
 
-TEST(LocationsTests, WithoutAGroupContainerTheFirstAccessLogsTwiceAndLaterOnesNever) {
-    UserDatabase users(std::nullopt);
-    if (!insideMountNamespace(users.replacements())) return;
+TEST(LocationsTests, WithoutLocalLibraryOrGroupContainer) {
+    TemporaryDirectory sandbox("sandbox");
+    if (!insideSandbox(sandbox.path(), {"SANDBOX_LIBRARY=none", TestSupport::userDatabaseBinds(sandbox.path(), "")})) {
+        return;
+    }
     ASSERT_EQ(getpwuid(0), nullptr);
     ScopedLogCapture capture;
 
-    EXPECT_FALSE(Locations::groupLogsFolder());
-    EXPECT_EQ(capture.recorder().lines(),
-              (std::vector<std::string>{"E: (Locations: Locations) Failed to get app group directory",
-                                        "E: (Locations: Locations) Failed to get group logs directory"}));
+    EXPECT_FALSE(Locations::sharedFolder());
+    EXPECT_FALSE(fs::exists("/Library"));
+    EXPECT_EQ(Locations::sharedLogsFolder(), sharedLogs);
 
+    EXPECT_FALSE(Locations::groupLogsFolder());
     EXPECT_FALSE(Locations::groupLogsFolder());
     EXPECT_FALSE(Locations::appGroupFolder());
     EXPECT_FALSE(Locations::groupDataFolder());
     EXPECT_FALSE(Locations::tmpStorageFolder());
-    EXPECT_EQ(capture.recorder().lines().size(), 2u);
+    EXPECT_EQ(capture.recorder().lines(),
+              (std::vector<std::string>{"E: (Locations: Locations) Failed to get app group directory",
+                                        "E: (Locations: Locations) Failed to get group logs directory"}));
 }

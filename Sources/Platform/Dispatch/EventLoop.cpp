@@ -68,17 +68,17 @@ void EventLoop::cancelTimer(TimerId id) {
 }
 
 void EventLoop::armTimerDescriptor() {
-    itimerspec spec{};
+    itimerspec timerSpec{};
     if (!timers_.empty()) {
         auto nanoseconds = std::chrono::duration_cast<std::chrono::nanoseconds>(
                                timers_.begin()->first.first.time_since_epoch())
                                .count();
         constexpr int64_t latestSecond = 1LL << 40;  // far beyond any uptime; timerfd rejects the clock's maximum
-        spec.it_value.tv_sec = static_cast<time_t>(std::min<int64_t>(nanoseconds / 1'000'000'000, latestSecond));
-        spec.it_value.tv_nsec = static_cast<long>(nanoseconds % 1'000'000'000);
-        if (spec.it_value.tv_sec <= 0 && spec.it_value.tv_nsec <= 0) spec.it_value.tv_nsec = 1;  // 0 would disarm
+        timerSpec.it_value.tv_sec = static_cast<time_t>(std::min<int64_t>(nanoseconds / 1'000'000'000, latestSecond));
+        timerSpec.it_value.tv_nsec = static_cast<long>(nanoseconds % 1'000'000'000);
+        if (timerSpec.it_value.tv_sec <= 0 && timerSpec.it_value.tv_nsec <= 0) timerSpec.it_value.tv_nsec = 1;  // 0 would disarm
     }
-    if (timerfd_settime(timerFd_, TFD_TIMER_ABSTIME, &spec, nullptr) != 0) {
+    if (timerfd_settime(timerFd_, TFD_TIMER_ABSTIME, &timerSpec, nullptr) != 0) {
         std::fprintf(stderr, "Dispatch: timerfd_settime: %s\n", std::strerror(errno));
     }
 }

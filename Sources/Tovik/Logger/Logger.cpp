@@ -26,10 +26,17 @@ Logger::Logger()
     : logLevel_(static_cast<int64_t>(LogLevel::info)),
       handlers_(std::make_shared<const HandlerList>(HandlerList{std::make_shared<NSLogHandler>()})) {}
 
-Logger::HandlerList Logger::handlers() const { return *handlers_.load(std::memory_order_acquire); }
+std::shared_ptr<const Logger::HandlerList> Logger::snapshot() const {
+    std::lock_guard guard(handlersLock_);
+    return handlers_;
+}
+
+Logger::HandlerList Logger::handlers() const { return *snapshot(); }
 
 void Logger::setHandlers(HandlerList handlers) {
-    handlers_.store(std::make_shared<const HandlerList>(std::move(handlers)), std::memory_order_release);
+    auto replacement = std::make_shared<const HandlerList>(std::move(handlers));
+    std::lock_guard guard(handlersLock_);
+    handlers_.swap(replacement);  // the old list is released outside the lock
 }
 
 void Logger::objcLog(LogLevel level, std::string_view message, std::string_view file, std::string_view function,
@@ -68,10 +75,10 @@ std::string Logger::formattedText(LogLevel level, std::string_view message, std:
 
 void Logger::dispatch(LogLevel level, Date date, std::string message, std::string_view file,
                       std::string_view function, unsigned /*line*/) {
-    std::shared_ptr<const HandlerList> snapshot = handlers_.load(std::memory_order_acquire);
-    if (snapshot->empty()) return;
+    std::shared_ptr<const HandlerList> current = snapshot();
+    if (current->empty()) return;
     const std::string text = formattedText(level, message, file, function);
-    for (const auto& handler : *snapshot) {
+    for (const auto& handler : *current) {
         handler->log(level, date, text);
     }
 }

@@ -31,6 +31,7 @@
 
 #include "Tovik/Logger/LogHandlerProtocol.h"
 #include "Tovik/Logger/LogLevel.h"
+#include "Tovik/UnfairLock.h"
 
 namespace Tovik {
 
@@ -101,8 +102,12 @@ private:
     void dispatch(LogLevel level, Date date, std::string message, std::string_view file,
                   std::string_view function, unsigned line);
 
+    std::shared_ptr<const HandlerList> snapshot() const;
+
     std::atomic<int64_t> logLevel_;
-    std::atomic<std::shared_ptr<const HandlerList>> handlers_;
+    // Replaced whole, never changed in place: a call logs to the list it took.
+    mutable UnfairLock handlersLock_;
+    std::shared_ptr<const HandlerList> handlers_;
 };
 
 }  // namespace Tovik

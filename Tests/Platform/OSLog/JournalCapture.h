@@ -2,6 +2,7 @@
 // that OSLog is pointed at, and a reader of the journal's native protocol.
 #pragma once
 
+#include <endian.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <string.h>
@@ -10,6 +11,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -23,38 +25,33 @@ namespace TestSupport {
 /// Fields of one entry: KEY=value lines and the binary KEY\n<le64 size><bytes>\n form.
 inline std::map<std::string, std::string> parseJournalEntry(const std::string& data) {
     std::map<std::string, std::string> fields;
-    size_t position = 0;
-    while (position < data.size()) {
-        size_t end = data.find('\n', position);
-        if (end == std::string::npos) break;
-        std::string line = data.substr(position, end - position);
+    for (size_t position = 0, end; (end = data.find('\n', position)) != std::string::npos;) {
+        const std::string line = data.substr(position, end - position);
         if (size_t equals = line.find('='); equals != std::string::npos) {
             fields[line.substr(0, equals)] = line.substr(equals + 1);
             position = end + 1;
-            continue;
+        } else {
+            uint64_t size = 0;
+            if (end + 9 > data.size()) break;
+            memcpy(&size, data.data() + end + 1, sizeof size);
+            size = le64toh(size);
+            fields[line] = data.substr(end + 9, size);
+            position = end + 9 + size + 1;
         }
-        if (end + 9 > data.size()) break;
-        uint64_t size = 0;
-        for (int byte = 0; byte < 8; ++byte) {
-            size |= uint64_t(static_cast<unsigned char>(data[end + 1 + byte])) << (8 * byte);
-        }
-        fields[line] = data.substr(end + 9, size);
-        position = end + 9 + size + 1;
     }
     return fields;
 }
 
-/// Binds "journal.socket" in a temporary folder and points OSLog at it for
-/// its lifetime.
+/// Binds a socket named `name` in a temporary folder and, for its lifetime,
+/// points OSLog at it.
 class JournalCapture {
 public:
-    JournalCapture() : fd_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-        std::string path = (folder_ / "journal.socket").string();
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+    explicit JournalCapture(const std::string& name = "journal.socket")
+        : fd_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+        strncpy(address.sun_path, (folder_ / name).c_str(), sizeof(address.sun_path) - 1);
         EXPECT_EQ(::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0) << strerror(errno);
-        OSLog::OSLog::setJournalSocketPath(path);
+        OSLog::OSLog::setJournalSocketPath(address.sun_path);
     }
     ~JournalCapture() {
         OSLog::OSLog::setJournalSocketPath("/run/systemd/journal/socket");
@@ -63,8 +60,10 @@ public:
     JournalCapture(const JournalCapture&) = delete;
     JournalCapture& operator=(const JournalCapture&) = delete;
 
-    /// The next entry's raw bytes (read from a passed memory file when the
-    /// datagram carries one), or nothing within the deadline.
+    const std::filesystem::path& folder() const { return folder_.path(); }
+
+    /// The next datagram's bytes (those of the memory file it passes, if any),
+    /// or nothing within the deadline. Datagrams over 128 KiB arrive cut.
     std::optional<std::string> nextRaw(std::chrono::milliseconds deadline = std::chrono::seconds(5)) {
         pollfd ready{fd_, POLLIN, 0};
         if (::poll(&ready, 1, static_cast<int>(deadline.count())) != 1) return std::nullopt;
@@ -82,14 +81,8 @@ public:
         if (cmsghdr* header = CMSG_FIRSTHDR(&message); header && header->cmsg_type == SCM_RIGHTS) {
             int file = -1;
             memcpy(&file, CMSG_DATA(header), sizeof file);
-            buffer.clear();
-            char chunk[65536];
-            ssize_t got;
-            while ((got = ::pread(file, chunk, sizeof chunk, static_cast<off_t>(buffer.size()))) > 0) {
-                buffer.append(chunk, static_cast<size_t>(got));
-            }
+            buffer = readFile("/proc/self/fd/" + std::to_string(file));
             ::close(file);
-            passedFile_ = true;
         }
         return buffer;
     }
@@ -97,16 +90,12 @@ public:
     std::map<std::string, std::string> next() {
         auto raw = nextRaw();
         EXPECT_TRUE(raw.has_value()) << "no journal entry arrived";
-        return raw ? parseJournalEntry(*raw) : std::map<std::string, std::string>{};
+        return parseJournalEntry(raw.value_or(""));
     }
-
-    /// True once an entry came as a memory file.
-    bool passedFile() const { return passedFile_; }
 
 private:
     TemporaryDirectory folder_{"oslog"};
     int fd_;
-    bool passedFile_ = false;
 };
 
 }  // namespace TestSupport

@@ -52,6 +52,10 @@ TEST_F(WorkspaceTest, FindsXmlAndBinaryPlistsFirstRootAndNameWinning) {
     bundle(apps, "Z.app", binaryPlist("com.example.app"));
     fs::path first = bundle(apps, "B.app", xmlPlist("com.example.app"));
     EXPECT_EQ(workspace.urlForApplication("com.example.app"), first);
+
+    const std::vector<fs::path> defaults{"/Applications", "/Applications/Utilities",
+                                         fs::path(::getpwuid(::geteuid())->pw_dir) / "Applications"};
+    EXPECT_EQ(Workspace::Workspace::shared().searchRoots(), defaults);
 }
 
 TEST_F(WorkspaceTest, SkipsBrokenBundlesAndMissingRoots) {
@@ -68,12 +72,6 @@ TEST_F(WorkspaceTest, SkipsBrokenBundlesAndMissingRoots) {
     fs::path good = bundle(home, "Good.app", xmlPlist("com.example.app"));
     EXPECT_EQ(workspace.urlForApplication("com.example.app"), good);
     EXPECT_EQ(Workspace::Workspace({temp / "absent", home}).urlForApplication("com.example.app"), good);
-}
-
-TEST(WorkspaceDefaults, SearchesSystemThenUtilitiesThenEffectiveUsersHome) {
-    std::vector<fs::path> expected{"/Applications", "/Applications/Utilities",
-                                   fs::path(::getpwuid(::geteuid())->pw_dir) / "Applications"};
-    EXPECT_EQ(Workspace::Workspace::shared().searchRoots(), expected);
 }
 
 }  // namespace

@@ -7,10 +7,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <charconv>
+#include <cinttypes>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
-#include <map>
+#include <fstream>
+#include <numeric>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -25,22 +28,8 @@ namespace {
 
 using Clock = std::chrono::system_clock;
 
-// Sanitized builds (CI, two cores) write a tenth of the records; the layout
-// and the checks are the same.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr int recordsPerWriter = 5000;
-#else
-constexpr int recordsPerWriter = 50000;
-#endif
-constexpr int writerProcesses = 8;
-constexpr const char* writerVariable = "FILE_LOG_HANDLER_TEST_WRITER";  // "<writer> <path>"
-
-uint64_t mix(uint64_t& state) {  // splitmix64
-    uint64_t z = (state += 0x9e3779b97f4a7c15ULL);
-    z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ULL;
-    z = (z ^ (z >> 27)) * 0x94d049bb133111ebULL;
-    return z ^ (z >> 31);
-}
+constexpr int writerProcesses = 8, recordsPerProcess = 50000;
+constexpr const char* writerVariable = "FILE_LOG_HANDLER_TEST_WRITER";  // "<process> <path>"
 
 uint64_t checksum(std::string_view bytes) {  // FNV-1a
     uint64_t hash = 0xcbf29ce484222325ULL;
@@ -48,156 +37,119 @@ uint64_t checksum(std::string_view bytes) {  // FNV-1a
     return hash;
 }
 
-// "W<writer> <sequence> <checksum> <payload>": payload of 1 B to 16 KiB,
-// log-uniform so that short and long records are equally common.
-std::string recordText(int writer, int sequence) {
-    uint64_t state = (uint64_t(writer) << 32) | uint32_t(sequence);
-    const double unit = double(mix(state) >> 11) / double(1ULL << 53);
-    const size_t size = std::min<size_t>(16384, size_t(std::exp(unit * std::log(16384.0))));
-    std::string payload(size, 'a');
-    for (size_t i = 0; i < size; i += 12) {
-        uint64_t random = mix(state);
-        for (size_t j = i; j < std::min(size, i + 12); ++j, random /= 26) payload[j] = char('a' + random % 26);
-    }
-    return "W" + std::to_string(writer) + " " + std::to_string(sequence) + " " + std::to_string(checksum(payload)) +
-           " " + payload;
-}
-
-// The bytes `writers` writers leave in the file.
-int64_t expectedBytes(int writers, int count) {
-    int64_t total = 0;
-    for (int writer = 0; writer < writers; ++writer) {
-        for (int sequence = 0; sequence < count; ++sequence) {
-            total += int64_t(FileLogHandler::headerLength() + recordText(writer, sequence).size() + 5);
-        }
-    }
-    return total;
-}
-
-// The rotating handler: checks every 5 ms and rotates past 55 % of the
-// expected bytes. Writers pause at 65 % of their records until the rotation
-// has happened, so it happens exactly once, while they write.
-FileLogHandler::Options rotateOnce(int64_t total) {
-    return {.firstCheckDelay = 0.005, .checkInterval = 0.005, .maxSize = total * 55 / 100};
+// "W<writer> <sequence> <checksum> " in fixed columns, then a payload of a
+// random letter repeated 1 B to 16 KiB times, log-uniform so that short and
+// long records are equally common.
+std::string recordText(std::mt19937_64& random, int writer, int sequence) {
+    const size_t size = size_t(std::exp2(std::uniform_real_distribution<double>(0, 14)(random)));
+    std::string text(28 + size, char('a' + random() % 26));
+    char head[29];
+    std::snprintf(head, sizeof head, "W%02d %06d %016" PRIx64 " ", writer, sequence,
+                  checksum(std::string_view(text).substr(28)));
+    return text.replace(0, 28, head);
 }
 
 bool writeRecords(FileLogHandler& handler, int writer, int count) {
     const std::string rotated = FileLogHandler::rotatedFilePath(handler.filepath(), 1);
+    std::mt19937_64 random(writer);
     for (int sequence = 0; sequence < count; ++sequence) {
         if (sequence == count * 65 / 100 &&
-            !TestSupport::waitUntil([&] { return std::filesystem::exists(rotated); }, std::chrono::seconds(120))) {
+            !TestSupport::waitUntil([&] { return std::filesystem::exists(rotated); }, std::chrono::minutes(2))) {
             return false;
         }
-        handler.log(LogLevel::info, Clock::now(), recordText(writer, sequence));
+        handler.log(LogLevel::info, Clock::now(), recordText(random, writer, sequence));
     }
     return true;
 }
 
-// Adds the writers' sequence numbers found in one file, in file order.
-// Returns what is wrong with the file, or "".
-std::string collectRecords(const std::string& contents, std::map<int, std::vector<int>>& sequences) {
-    if (!contents.empty() && contents[0] != FileLogHandler::RECORD_SEPARATOR) return "no record at offset 0";
-    for (size_t start = 0; start < contents.size();) {
-        size_t next = contents.find(FileLogHandler::RECORD_SEPARATOR, start + 1);
-        if (next == std::string::npos) next = contents.size();
-        const std::string_view record(contents.data() + start, next - start);
-        const std::string where = " at offset " + std::to_string(start);
-        start = next;
-        const size_t text = record.find("[S] ");
-        if (!record.ends_with('\n') || text == std::string_view::npos || record.size() < 46 || record[5] != '-' || record[20] != '.') {
-            return "torn record" + where;
+// What is wrong with the records of `writers` writers x `count` in the two files
+// read in order, or "": each file starts with a record, each record is whole and
+// each writer's records come once each, in the order written.
+std::string checkRecords(const std::string& generation1, const std::string& active, int writers, int count) {
+    std::vector<int> next(size_t(writers), 0);
+    for (const std::string* contents : {&generation1, &active}) {
+        if (!contents->empty() && contents->front() != FileLogHandler::RECORD_SEPARATOR) return "no record at offset 0";
+        for (size_t start = 0, end; start < contents->size(); start = end) {
+            end = std::min(contents->find(FileLogHandler::RECORD_SEPARATOR, start + 1), contents->size());
+            const std::string_view record(contents->data() + start, end - start);
+            const std::string where = " at offset " + std::to_string(start);
+            const size_t text = record.find("[S] ");
+            if (text == std::string_view::npos || !record.ends_with('\n')) return "torn record" + where;
+            const std::string_view body = record.substr(text + 4, record.size() - text - 5);
+            if (body.starts_with("I: (FileLogHandler) ")) continue;  // the rotating handler's reports
+            int writer = -1, sequence = -1;
+            uint64_t sum = 0;
+            const std::string head(body.substr(0, 28));
+            if (std::sscanf(head.c_str(), "W%2d %6d %16" SCNx64, &writer, &sequence, &sum) != 3 || body.size() < 29 ||
+                writer < 0 || writer >= writers || checksum(body.substr(28)) != sum) {
+                return "interleaved record" + where;
+            }
+            const std::string name = "writer " + std::to_string(writer) + ": record ";
+            if (sequence < next[writer]) return name + std::to_string(sequence) + " duplicated";
+            if (sequence > next[writer]) return name + std::to_string(next[writer]) + " missing";
+            ++next[writer];
         }
-        const std::string_view body = record.substr(text + 4, record.size() - text - 5);
-        if (body.starts_with("I: (FileLogHandler) ")) continue;  // the rotating handler's reports
-        int writer = -1, sequence = -1;
-        uint64_t sum = 0;
-        const char* cursor = body.data() + 1;
-        const char* end = body.data() + body.size();
-        auto w = std::from_chars(cursor, end, writer);
-        auto s = std::from_chars(w.ptr + 1, end, sequence);
-        auto c = std::from_chars(s.ptr + 1, end, sum);
-        if (!body.starts_with('W') || w.ec != std::errc() || s.ec != std::errc() || c.ec != std::errc() ||
-            c.ptr >= end || checksum(std::string_view(c.ptr + 1, size_t(end - c.ptr - 1))) != sum) {
-            return "torn or interleaved record" + where;
-        }
-        sequences[writer].push_back(sequence);
     }
-    return "";
-}
-
-// Each writer's records must all be there, once, in the order written.
-std::string checkSequences(const std::map<int, std::vector<int>>& sequences, int writers, int count) {
     for (int writer = 0; writer < writers; ++writer) {
-        auto found = sequences.find(writer);
-        if (found == sequences.end()) return "writer " + std::to_string(writer) + ": no records";
-        const std::vector<int>& list = found->second;
-        if (list.front() != 0) return "writer " + std::to_string(writer) + ": first record missing";
-        for (size_t i = 1; i < list.size(); ++i) {
-            if (list[i] <= list[i - 1]) return "writer " + std::to_string(writer) + ": record " + std::to_string(list[i]) + " duplicated";
-            if (list[i] != list[i - 1] + 1) return "writer " + std::to_string(writer) + ": record " + std::to_string(list[i - 1] + 1) + " missing";
-        }
-        if (list.back() != count - 1) return "writer " + std::to_string(writer) + ": last record missing";
+        if (next[writer] != count) return "writer " + std::to_string(writer) + ": last record missing";
     }
     return "";
 }
 
-std::string checkLogFiles(const std::string& path, int writers, int count) {
-    std::map<int, std::vector<int>> sequences;
-    std::string problem = collectRecords(TestSupport::readFile(FileLogHandler::rotatedFilePath(path, 1)), sequences);
-    if (problem.empty()) problem = collectRecords(TestSupport::readFile(path), sequences);
-    return problem.empty() ? checkSequences(sequences, writers, count) : problem;
+std::string readWhole(const std::string& path) {  // hundreds of MiB: read at once, not grown
+    std::string contents(std::filesystem::file_size(path), '\0');
+    std::ifstream(path, std::ios::binary).read(contents.data(), std::streamsize(contents.size()));
+    return contents;
 }
 
 // A writer process is this test program started again with the variable set:
-// it writes its records before any test runs and exits.
+// before any test runs, it writes its records from two threads sharing one
+// handler (writers 2p and 2p + 1) and exits.
 class WriterProcess : public ::testing::Environment {
 public:
     void SetUp() override {
         std::string_view job = std::getenv(writerVariable);
-        const int writer = std::atoi(job.data());
+        const int process = std::atoi(job.data());
+        bool written[2] = {};
         {
             FileLogHandler handler("S", std::string(job.substr(job.find(' ') + 1)), true, {.firstCheckDelay = 3600});
-            if (!writeRecords(handler, writer, recordsPerWriter)) std::_Exit(2);
+            std::thread second([&] { written[1] = writeRecords(handler, 2 * process + 1, recordsPerProcess / 2); });
+            written[0] = writeRecords(handler, 2 * process, recordsPerProcess / 2);
+            second.join();
         }
-        std::_Exit(0);
+        std::_Exit(written[0] && written[1] ? 0 : 2);
     }
 };
 [[maybe_unused]] const auto* writerProcess =
     std::getenv(writerVariable) ? ::testing::AddGlobalTestEnvironment(new WriterProcess) : nullptr;
 
-pid_t startWriter(int writer, const std::string& path) {
-    std::vector<std::string> environment{std::string(writerVariable) + "=" + std::to_string(writer) + " " + path};
-    for (char** variable = environ; *variable != nullptr; ++variable) environment.emplace_back(*variable);
-    std::vector<char*> envp;
-    for (std::string& variable : environment) envp.push_back(variable.data());
-    envp.push_back(nullptr);
-    std::string program = "/proc/self/exe", filter = "--gtest_filter=FileLogHandlerConcurrency.*";
-    char* argv[] = {program.data(), filter.data(), nullptr};
+pid_t startWriter(int process, const std::string& path) {
+    std::string job = std::string(writerVariable) + "=" + std::to_string(process) + " " + path;
+    std::vector<char*> environment{job.data()};
+    for (char** variable = environ; *variable != nullptr; ++variable) environment.push_back(*variable);
+    environment.push_back(nullptr);
+    char program[] = "/proc/self/exe";
+    char* argv[] = {program, nullptr};
     posix_spawn_file_actions_t actions;
     ::posix_spawn_file_actions_init(&actions);
     ::posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);  // gtest's banner
     pid_t pid = -1;
-    EXPECT_EQ(::posix_spawn(&pid, program.c_str(), &actions, nullptr, argv, envp.data()), 0);
+    EXPECT_EQ(::posix_spawn(&pid, program, &actions, nullptr, argv, environment.data()), 0);
     ::posix_spawn_file_actions_destroy(&actions);
     return pid;
 }
 
 TEST(FileLogHandlerConcurrency, CheckerFindsDroppedDuplicatedAndTornRecords) {
+    std::mt19937_64 random(0);
     std::vector<std::string> records;
-    for (int sequence = 0; sequence < 6; ++sequence) {
-        for (int writer = 0; writer < 2; ++writer) {
-            records.push_back(FileLogHandler::formatRecord("S", Clock::now(), 1, 1, recordText(writer, sequence), true));
-        }
+    for (int i = 0; i < 12; ++i) {  // writers 0 and 1 take turns
+        records.push_back(FileLogHandler::formatRecord("S", Clock::now(), 1, 1, recordText(random, i % 2, i / 2),
+                                                       true));
     }
-    auto check = [&](std::vector<std::string> file) {
-        std::map<int, std::vector<int>> sequences;
-        std::string all;
-        for (const std::string& record : file) all += record;
-        std::string problem = collectRecords(all, sequences);
-        return problem.empty() ? checkSequences(sequences, 2, 6) : problem;
+    auto check = [](const std::vector<std::string>& file) {
+        return checkRecords(std::accumulate(file.begin(), file.end(), std::string()), "", 2, 6);
     };
     EXPECT_EQ(check(records), "");
-    EXPECT_EQ(check({records.begin() + 2, records.end()}), "writer 0: first record missing");
     auto dropped = records;
     dropped.erase(dropped.begin() + 5);
     EXPECT_EQ(check(dropped), "writer 1: record 2 missing");
@@ -206,42 +158,36 @@ TEST(FileLogHandlerConcurrency, CheckerFindsDroppedDuplicatedAndTornRecords) {
     EXPECT_EQ(check(duplicated), "writer 0: record 2 duplicated");
     auto torn = records;
     torn[3].resize(torn[3].size() / 2);
-    EXPECT_EQ(check(torn).rfind("torn", 0), 0u);
-    auto lastLost = records;
-    lastLost.pop_back();
-    EXPECT_EQ(check(lastLost), "writer 1: last record missing");
+    const size_t offset = records[0].size() + records[1].size() + records[2].size();
+    EXPECT_EQ(check(torn), "torn record at offset " + std::to_string(offset));
+    auto interleaved = records;
+    interleaved[3].insert(interleaved[3].size() - 1, "x");  // a foreign byte inside a whole record
+    EXPECT_EQ(check(interleaved), "interleaved record at offset " + std::to_string(offset));
+    records.pop_back();
+    EXPECT_EQ(check(records), "writer 1: last record missing");
 }
 
-TEST(FileLogHandlerConcurrency, ThreadsShareOneHandlerWhileItRotates) {
-    TestSupport::TemporaryDirectory folder("filelog");
-    const std::string path = (folder / "shared.log").string();
-    const int threads = 4, count = recordsPerWriter / 10;
-    {
-        FileLogHandler handler("S", path, true, rotateOnce(expectedBytes(threads, count)));
-        std::vector<std::thread> writers;
-        for (int writer = 0; writer < threads; ++writer) {
-            writers.emplace_back([&handler, writer] { EXPECT_TRUE(writeRecords(handler, writer, count)); });
-        }
-        for (std::thread& writer : writers) writer.join();
-    }
-    EXPECT_EQ(checkLogFiles(path, threads, count), "");
-}
-
-TEST(FileLogHandlerConcurrency, ProcessesShareOneFileWhileItRotates) {
+TEST(FileLogHandlerConcurrency, ProcessesAndThreadsShareOneFileWhileItRotates) {
     TestSupport::TemporaryDirectory folder("filelog");
     const std::string path = (folder / "shared.log").string();
     {
-        // This process only rotates; its reports are the records the checker skips.
-        FileLogHandler rotator("S", path, true, rotateOnce(expectedBytes(writerProcesses, recordsPerWriter)));
+        // This process only rotates (its reports are the records the checker skips): it checks every 5 ms and
+        // rotates past 55 % of the bytes written (a payload averages 16383 / ln 16384 B). Writers pause at 65 %
+        // of their records until the rotation has happened, so it happens exactly once, while they write.
+        const double recordSize = 16383 / std::log(16384.0) + 28 + FileLogHandler::headerLength() + 5;
+        const auto maxSize = int64_t(writerProcesses * recordsPerProcess * recordSize * 0.55);
+        FileLogHandler rotator("S", path, true, {.firstCheckDelay = 0.005, .checkInterval = 0.005, .maxSize = maxSize});
         std::vector<pid_t> writers;
-        for (int writer = 0; writer < writerProcesses; ++writer) writers.push_back(startWriter(writer, path));
+        for (int process = 0; process < writerProcesses; ++process) writers.push_back(startWriter(process, path));
         for (pid_t pid : writers) {
             int status = 0;
             ASSERT_EQ(::waitpid(pid, &status, 0), pid);
             EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
         }
     }
-    EXPECT_EQ(checkLogFiles(path, writerProcesses, recordsPerWriter), "");
+    EXPECT_EQ(checkRecords(readWhole(FileLogHandler::rotatedFilePath(path, 1)), readWhole(path), 2 * writerProcesses,
+                           recordsPerProcess / 2),
+              "");
 }
 
 }  // namespace
