@@ -49,18 +49,6 @@ std::string_view rawValue(DevConfigKey key) {
     return "";
 }
 
-DeveloperConfigUtils::Descriptor& DeveloperConfigUtils::Descriptor::operator=(Descriptor&& other) noexcept {
-    if (this != &other) {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = std::exchange(other.fd_, -1);
-    }
-    return *this;
-}
-
-DeveloperConfigUtils::Descriptor::~Descriptor() {
-    if (fd_ >= 0) ::close(fd_);
-}
-
 const Dispatch::DispatchQueue& DeveloperConfigUtils::queue() {
     static const Dispatch::DispatchQueue queue("backend.client.queue", Dispatch::DispatchQoS::unspecified,
                                                Dispatch::DispatchQueue::Attributes::concurrent);
@@ -113,7 +101,7 @@ std::optional<DeveloperConfigUtils::Configuration> DeveloperConfigUtils::parse()
 }
 
 bool DeveloperConfigUtils::checkFileLocked() {
-    checkedFile_ = Descriptor();
+    checkedFile_.reset();
     if (!devConfigURL_) {
         TLOG_DEBUG("checkFile()", "Can't obtain url for dev config file.");
         return false;
@@ -122,7 +110,7 @@ bool DeveloperConfigUtils::checkFileLocked() {
     // One open, never through a final symbolic link; O_NONBLOCK so a FIFO put
     // in the file's place cannot hold the open. Everything below looks at this
     // descriptor only.
-    Descriptor file(::open(devConfigURL_->c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+    Kernel::FileDescriptor file(::open(devConfigURL_->c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
     if (!file) {
         int error = errno;
         TLOG_DEBUG("checkFile()", "Dev config file not exists: " + errorText(error));
@@ -154,7 +142,7 @@ bool DeveloperConfigUtils::checkFileLocked() {
 
 std::optional<DeveloperConfigUtils::Configuration> DeveloperConfigUtils::parseLocked() {
     if (!checkedFile_ && !checkFileLocked()) return std::nullopt;
-    Descriptor file = std::move(checkedFile_);
+    Kernel::FileDescriptor file = std::move(checkedFile_);
 
     std::string text;
     char buffer[16 * 1024];

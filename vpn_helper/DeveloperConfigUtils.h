@@ -21,6 +21,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Dispatch/DispatchQueue.h"
+#include "Kernel/FileDescriptor.h"
 #include "Tovik/UnfairLock.h"
 
 namespace VpnHelper {
@@ -115,20 +116,6 @@ public:
     std::optional<Configuration> parse();
 
 private:
-    class Descriptor {
-    public:
-        Descriptor() = default;
-        explicit Descriptor(int fd) : fd_(fd) {}
-        Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-        Descriptor& operator=(Descriptor&& other) noexcept;
-        ~Descriptor();
-        int get() const { return fd_; }
-        explicit operator bool() const { return fd_ >= 0; }
-
-    private:
-        int fd_ = -1;
-    };
-
     bool checkFileLocked();
     std::optional<Configuration> parseLocked();
 
@@ -136,7 +123,7 @@ private:
     Tovik::UnfairLock lock_;
     std::optional<Configuration> configuration_;  // guarded by lock_
     bool needsReload_ = true;                     // guarded by lock_
-    Descriptor checkedFile_;                      // guarded by lock_; what checkFile() passed
+    Kernel::FileDescriptor checkedFile_;  // guarded by lock_; what checkFile() passed
 };
 
 }  // namespace VpnHelper

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "Dispatch/DispatchQueue.h"
+#include "Kernel/FileDescriptor.h"
 #include "Tovik/Logger/Logger.h"
 
 namespace Tovik {
@@ -22,22 +23,6 @@ constexpr int kEventOnlyFlags = O_PATH | O_CLOEXEC;
 // The highest error number the system knows; anything outside 1...this is
 // reported as this.
 constexpr int kLastErrorNumber = EHWPOISON;
-
-// Closes the watched descriptor when the cancel handler that owns it runs,
-// or when that handler is released without having run.
-class OwnedDescriptor {
-public:
-    explicit OwnedDescriptor(int fd) : fd_(fd) {}
-    ~OwnedDescriptor() { close(); }
-    OwnedDescriptor(const OwnedDescriptor&) = delete;
-    OwnedDescriptor& operator=(const OwnedDescriptor&) = delete;
-    void close() {
-        if (fd_ >= 0) ::close(std::exchange(fd_, -1));
-    }
-
-private:
-    int fd_;
-};
 
 const Dispatch::DispatchQueue& sharedQueue() {
     static const Dispatch::DispatchQueue queue("DirectoryMonitor", Dispatch::DispatchQoS::unspecified,
@@ -88,7 +73,7 @@ bool DirectoryMonitor::startMonitoring() {
         }
 
         const int capturedFd = fd_;
-        auto owned = std::make_shared<OwnedDescriptor>(capturedFd);
+        auto owned = std::make_shared<Kernel::FileDescriptor>(capturedFd);
         auto source = Dispatch::DispatchSource::makeFileSystemObjectSource(
             capturedFd, Dispatch::FileSystemEvent::all(), sharedQueue());
         source.setEventHandler([weakSelf = weak_from_this(), capturedFd] {
@@ -102,7 +87,7 @@ bool DirectoryMonitor::startMonitoring() {
                 self->dispatchSource_.reset();
                 self->fd_ = -1;
             }
-            owned->close();
+            owned->reset();
         });
         dispatchSource_ = source;
         source.activate();

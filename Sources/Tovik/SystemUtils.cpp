@@ -9,6 +9,7 @@
 #include <string_view>
 #include <system_error>
 
+#include "Kernel/FileDescriptor.h"
 #include "Tovik/Logger/Logger.h"
 
 extern char** environ;
@@ -16,24 +17,6 @@ extern char** environ;
 namespace Tovik {
 
 namespace {
-
-/// Owns one descriptor.
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int fd = -1) : fd_(fd) {}
-    ~FileDescriptor() { reset(); }
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-
-    int get() const { return fd_; }
-    void reset(int fd = -1) {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = fd;
-    }
-
-private:
-    int fd_;
-};
 
 /// Owns posix_spawn file actions.
 class SpawnFileActions {
@@ -121,8 +104,8 @@ std::pair<std::int32_t, std::optional<SystemUtil::Bytes>> SystemUtil::cliUtil(
     };
 
     SpawnFileActions actions;
-    FileDescriptor readEnd;
-    FileDescriptor writeEnd;
+    Kernel::FileDescriptor readEnd;
+    Kernel::FileDescriptor writeEnd;
     if (output) {
         int fds[2];
         if (::pipe2(fds, O_CLOEXEC) != 0) return fail(posixErrorText("pipe2", path, errno));

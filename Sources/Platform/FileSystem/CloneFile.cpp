@@ -11,23 +11,11 @@
 #include <string_view>
 #include <vector>
 
+#include "Kernel/FileDescriptor.h"
+
 namespace FileSystem {
 
 namespace {
-
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
 
 // The answers of a clone or an in-kernel copy that the file systems cannot do it.
 bool isUnsupported(int error) {
@@ -122,7 +110,7 @@ void copyExtendedAttributes(int source, int destination) {
 }  // namespace
 
 int cloneFile(const std::string& source, const std::string& destination) {
-    Descriptor input(::open(source.c_str(), O_RDONLY | O_CLOEXEC));
+    Kernel::FileDescriptor input(::open(source.c_str(), O_RDONLY | O_CLOEXEC));
     if (input.get() < 0) return -1;
     struct stat status {};
     if (::fstat(input.get(), &status) != 0) return -1;
@@ -139,7 +127,7 @@ int cloneFile(const std::string& source, const std::string& destination) {
     }
 
     const mode_t mode = status.st_mode & 07777;
-    Descriptor output(::open(destination.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode | S_IWUSR));
+    Kernel::FileDescriptor output(::open(destination.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode | S_IWUSR));
     if (output.get() < 0) return -1;
 
     bool copied = ::ioctl(output.get(), FICLONE, input.get()) == 0;

@@ -5,6 +5,8 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include "Kernel/FileDescriptor.h"
+
 namespace Foundation {
 
 namespace {
@@ -63,15 +65,7 @@ bool FileHandle::write(std::string_view bytes) {
         errno = EBADF;
         return false;
     }
-    while (!bytes.empty()) {
-        ssize_t n = ::write(fd, bytes.data(), bytes.size());
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        bytes.remove_prefix(static_cast<size_t>(n));
-    }
-    return true;
+    return Kernel::writeAll(fd, bytes);
 }
 
 void FileHandle::closeFile() {

@@ -10,6 +10,8 @@
 #include <sstream>
 #include <vector>
 
+#include "Kernel/FileDescriptor.h"
+
 namespace Foundation {
 
 namespace {
@@ -77,6 +79,20 @@ UserDefaults::UserDefaults(std::optional<std::string> suiteName, std::filesystem
 
 std::filesystem::path UserDefaults::fileLk(const std::string& name) const { return folder_ / (name + ".plist"); }
 
+bool UserDefaults::Domain::isFile(const struct stat& info) const {
+    return exists && device == info.st_dev && inode == info.st_ino && size == info.st_size &&
+           sameTime(modified, info.st_mtim) && sameTime(changed, info.st_ctim);
+}
+
+void UserDefaults::Domain::takeIdentity(const struct stat& info) {
+    exists = true;
+    device = info.st_dev;
+    inode = info.st_ino;
+    size = info.st_size;
+    modified = info.st_mtim;
+    changed = info.st_ctim;
+}
+
 UserDefaults::Domain& UserDefaults::persistentLk(const std::string& name) const {
     Domain& domain = persistent_[name];
     struct stat info {};
@@ -84,17 +100,9 @@ UserDefaults::Domain& UserDefaults::persistentLk(const std::string& name) const 
         domain = Domain{};
         return domain;
     }
-    if (domain.exists && domain.device == info.st_dev && domain.inode == info.st_ino &&
-        domain.size == info.st_size && sameTime(domain.modified, info.st_mtim) &&
-        sameTime(domain.changed, info.st_ctim))
-        return domain;
+    if (domain.isFile(info)) return domain;
     domain = Domain{};
-    domain.exists = true;
-    domain.device = info.st_dev;
-    domain.inode = info.st_ino;
-    domain.size = info.st_size;
-    domain.modified = info.st_mtim;
-    domain.changed = info.st_ctim;
+    domain.takeIdentity(info);
     if (auto bytes = readWholeFile(fileLk(name))) {
         if (auto value = PropertyList::fromData(*bytes)) {
             if (const auto* values = value->get<Dictionary>()) domain.values = *values;
@@ -118,27 +126,14 @@ bool UserDefaults::writeLk(const std::string& name, const Dictionary& values) co
     std::string temporary = target + ".XXXXXX";
     int fd = mkstemp(temporary.data());
     if (fd < 0) return false;
-    bool ok = fchmod(fd, 0600) == 0;
-    for (size_t written = 0; ok && written < bytes.size();) {
-        ssize_t n = ::write(fd, bytes.data() + written, bytes.size() - written);
-        if (n < 0 && errno == EINTR) continue;
-        ok = n > 0;
-        if (ok) written += static_cast<size_t>(n);
-    }
+    bool ok = fchmod(fd, 0600) == 0 && Kernel::writeAll(fd, bytes);
     ok = ok && fsync(fd) == 0;
     int saved = errno;
     close(fd);
     if (ok && rename(temporary.c_str(), target.c_str()) == 0) {
         // Take the new file's identity so this write is not read back.
         struct stat info {};
-        if (stat(target.c_str(), &info) == 0) {
-            domain.exists = true;
-            domain.device = info.st_dev;
-            domain.inode = info.st_ino;
-            domain.size = info.st_size;
-            domain.modified = info.st_mtim;
-            domain.changed = info.st_ctim;
-        }
+        if (stat(target.c_str(), &info) == 0) domain.takeIdentity(info);
         return true;
     }
     if (ok) saved = errno;

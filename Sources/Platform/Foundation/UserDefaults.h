@@ -99,6 +99,9 @@ private:
         off_t size = -1;
         timespec modified{};
         timespec changed{};
+
+        bool isFile(const struct stat& info) const;
+        void takeIdentity(const struct stat& info);
     };
 
     std::filesystem::path fileLk(const std::string& name) const;

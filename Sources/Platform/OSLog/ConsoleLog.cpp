@@ -7,6 +7,8 @@
 
 #include <cstdio>
 
+#include "Kernel/FileDescriptor.h"
+
 namespace OSLog {
 
 const char* programName() noexcept { return program_invocation_short_name; }
@@ -36,17 +38,7 @@ void consoleLog(std::string_view text) noexcept {
     try {
         std::string line = consoleLine(text);
         line += '\n';
-        const char* data = line.data();
-        size_t left = line.size();
-        while (left > 0) {
-            ssize_t written = ::write(STDERR_FILENO, data, left);
-            if (written < 0) {
-                if (errno == EINTR) continue;
-                return;
-            }
-            data += written;
-            left -= static_cast<size_t>(written);
-        }
+        Kernel::writeAll(STDERR_FILENO, line);
     } catch (...) {
         // Out of memory: the console line is lost, the caller carries on.
     }

@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <memory>
 
+#include "Kernel/FileDescriptor.h"
 #include "OSLog/ConsoleLog.h"
 
 namespace OSLog {
@@ -21,20 +22,6 @@ namespace OSLog {
 namespace {
 
 constexpr const char* defaultJournalSocketPath = "/run/systemd/journal/socket";
-
-class UniqueFd {
-public:
-    explicit UniqueFd(int fd = -1) : fd_(fd) {}
-    ~UniqueFd() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    UniqueFd(const UniqueFd&) = delete;
-    UniqueFd& operator=(const UniqueFd&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
 
 struct JournalAddress {
     sockaddr_un address{};
@@ -93,19 +80,9 @@ bool sendDatagram(int socket, const JournalAddress& to, const std::string& entry
 
 // An entry too large for a datagram travels as a sealed memory file.
 bool sendMemoryFile(int socket, const JournalAddress& to, const std::string& entry) {
-    UniqueFd file(::memfd_create("journal-entry", MFD_ALLOW_SEALING | MFD_CLOEXEC));
+    Kernel::FileDescriptor file(::memfd_create("journal-entry", MFD_ALLOW_SEALING | MFD_CLOEXEC));
     if (file.get() < 0) return false;
-    const char* data = entry.data();
-    size_t left = entry.size();
-    while (left > 0) {
-        ssize_t written = ::write(file.get(), data, left);
-        if (written < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        data += written;
-        left -= static_cast<size_t>(written);
-    }
+    if (!Kernel::writeAll(file.get(), entry)) return false;
     if (::fcntl(file.get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL) < 0) return false;
 
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};

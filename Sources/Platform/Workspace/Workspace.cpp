@@ -12,26 +12,14 @@
 #include <system_error>
 #include <utility>
 
+#include "Kernel/FileDescriptor.h"
+
 namespace Workspace {
 
 namespace {
 
 // An Info.plist larger than this is not a real one; it is skipped unread.
 constexpr off_t kMaxInfoPlistSize = 8 * 1024 * 1024;
-
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
 
 struct PlistDeleter {
     void operator()(plist_t plist) const { plist_free(plist); }
@@ -40,7 +28,7 @@ using PlistPtr = std::unique_ptr<void, PlistDeleter>;
 
 std::optional<std::string> readSmallFile(const std::filesystem::path& path) {
     // O_NONBLOCK: a FIFO planted in place of the file must not hang the lookup.
-    Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    Kernel::FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (file.get() < 0) return std::nullopt;
     struct stat info {};
     if (::fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_size > kMaxInfoPlistSize) {

@@ -27,6 +27,7 @@
 #include "FileSystem/CreationTime.h"
 #include "FileSystem/OpenForEvents.h"
 #include "Kernel/ErrorNumber.h"
+#include "Kernel/FileDescriptor.h"
 #include "Kernel/ThreadPort.h"
 #include "OSLog/OSLog.h"
 #include "Tovik/Logger/Logger.h"
@@ -228,22 +229,6 @@ void appendFileText(std::string& out, std::string_view text) {
 
 // ---- Files -----------------------------------------------------------------
 
-// A descriptor closed on destruction or on request.
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() { close(); }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    void close() {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = -1;
-    }
-
-private:
-    int fd_;
-};
-
 // flock(fd, LOCK_EX) for a scope; nothing for a negative descriptor.
 class FileLock {
 public:
@@ -369,7 +354,7 @@ void FileLogHandler::State::startWatchLk() {
         loggerLogLk("Failed to open " + filepath + ": " + errorNumberText(error), LogLevel::error);
         return;
     }
-    auto descriptor = std::make_shared<Descriptor>(watchDescriptor);
+    auto descriptor = std::make_shared<Kernel::FileDescriptor>(watchDescriptor);
     const uint64_t watch = ++watchGeneration;
     std::weak_ptr<State> weak = weak_from_this();
     fdSource.emplace(Dispatch::DispatchSource::makeFileSystemObjectSource(
@@ -377,7 +362,7 @@ void FileLogHandler::State::startWatchLk() {
     fdSource->setEventHandler([weak, watch] {
         if (std::shared_ptr<State> state = weak.lock()) state->reopenOnRemoval(watch);
     });
-    fdSource->setCancelHandler([descriptor] { descriptor->close(); });
+    fdSource->setCancelHandler([descriptor] { descriptor->reset(); });
     fdSource->activate();
 }
 

@@ -5,6 +5,8 @@
 
 #include <string>
 
+#include "Kernel/FileDescriptor.h"
+
 namespace Tovik {
 
 void StdoutLogHandler::log(LogLevel, Date, std::string_view text) noexcept {
@@ -13,17 +15,7 @@ void StdoutLogHandler::log(LogLevel, Date, std::string_view text) noexcept {
         line.reserve(text.size() + 1);
         line.append(text);
         line += '\n';
-        const char* data = line.data();
-        size_t left = line.size();
-        while (left > 0) {
-            ssize_t written = ::write(STDOUT_FILENO, data, left);
-            if (written < 0) {
-                if (errno == EINTR) continue;
-                return;
-            }
-            data += written;
-            left -= static_cast<size_t>(written);
-        }
+        Kernel::writeAll(STDOUT_FILENO, line);
     } catch (...) {
         // Out of memory: the line is lost.
     }
