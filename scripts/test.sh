@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Sets the machine up, then builds and runs the whole test suite under
-# AddressSanitizer + UndefinedBehaviorSanitizer and again under ThreadSanitizer.
+# AddressSanitizer + UndefinedBehaviorSanitizer, then its concurrency suites
+# under ThreadSanitizer.
 # Usage: scripts/test.sh [preset...]   (default: asan tsan)
 set -euo pipefail
 cd "$(dirname "$0")/.."
