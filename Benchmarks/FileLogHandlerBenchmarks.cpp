@@ -4,7 +4,8 @@
 //   pre-built record (target >= 0.85x), and against spdlog's flushing
 //   basic_file_sink_mt and buffered basic_file_sink_st;
 // - 8 threads of one process and 4 processes on one file: aggregate rates
-//   beside the single-thread rate (targets >= 0.9x and >= 0.8x);
+//   beside the single-thread rate (targets >= 0.9x and >= 0.8x), and the bare
+//   loop in 4 processes, which bounds what any flock-per-record writer gets;
 // - credential stripping of lines without credentials beside a memchr scan of
 //   the same bytes.
 // A summary with the ratios follows Google Benchmark's table.
@@ -110,26 +111,38 @@ BENCHMARK(BM_HandlerThreads)->Threads(8)->UseRealTime();
 
 // A child writes its records between the parent's start signal (end of file
 // on `go`) and its report of the end time on `done`.
+// Mode 0 logs through a handler, mode 1 runs the bare flock + write loop.
 int runChild(const char* job) {
     char path[4096] = {};
-    int count = 0, go = -1, ready = -1, done = -1;
-    if (std::sscanf(job, "%d %d %d %d %4095[^\n]", &count, &go, &ready, &done, path) != 5) return 2;
+    int mode = 0, count = 0, go = -1, ready = -1, done = -1;
+    if (std::sscanf(job, "%d %d %d %d %d %4095[^\n]", &mode, &count, &go, &ready, &done, path) != 6) return 2;
     FileLogHandler handler("S", path, true, noRotation);
+    const std::string bytes = record();
+    const int fd = ::open(path, O_WRONLY | O_APPEND | O_CLOEXEC);
     char byte = 1;
-    if (::write(ready, &byte, 1) != 1) return 3;
+    if (fd < 0 || ::write(ready, &byte, 1) != 1) return 3;
     while (::read(go, &byte, 1) > 0) {
     }
-    for (int i = 0; i < count; ++i) handler.log(Tovik::LogLevel::info, date, text);
+    for (int i = 0; i < count; ++i) {
+        if (mode == 0) {
+            handler.log(Tovik::LogLevel::info, date, text);
+        } else {
+            ::flock(fd, LOCK_EX);
+            benchmark::DoNotOptimize(::write(fd, bytes.data(), bytes.size()));
+            ::flock(fd, LOCK_UN);
+        }
+    }
     const int64_t end = std::chrono::steady_clock::now().time_since_epoch().count();
     return ::write(done, &end, sizeof end) == sizeof end ? 0 : 4;
 }
 
-void BM_HandlerProcesses(benchmark::State& state) {
+void processesLoop(benchmark::State& state, int mode) {
     const std::string path = freshFile("processes.log");
     for (auto _ : state) {
         int go[2], ready[2], done[2];
         if (::pipe(go) != 0 || ::pipe(ready) != 0 || ::pipe(done) != 0) state.SkipWithError("pipe");
-        std::string job = std::string(childVariable) + "=" + std::to_string(recordsPerProcess) + " " +
+        std::string job = std::string(childVariable) + "=" + std::to_string(mode) + " " +
+                          std::to_string(recordsPerProcess) + " " +
                           std::to_string(go[0]) + " " + std::to_string(ready[1]) + " " + std::to_string(done[1]) +
                           " " + path;
         std::vector<char*> envp{job.data()};
@@ -162,7 +175,11 @@ void BM_HandlerProcesses(benchmark::State& state) {
     std::filesystem::remove(path);
     state.SetItemsProcessed(state.iterations() * processes * recordsPerProcess);
 }
+void BM_HandlerProcesses(benchmark::State& state) { processesLoop(state, 0); }
 BENCHMARK(BM_HandlerProcesses)->UseManualTime()->Iterations(3);
+
+void BM_BareFlockWriteProcesses(benchmark::State& state) { processesLoop(state, 1); }
+BENCHMARK(BM_BareFlockWriteProcesses)->UseManualTime()->Iterations(3);
 
 #ifdef HAVE_SPDLOG
 void spdlogLoop(benchmark::State& state, std::shared_ptr<spdlog::logger> logger) {
@@ -267,6 +284,9 @@ void printSummary(const std::map<std::string, double>& rates) {
     }
     line("handler, 8 threads, aggregate", threads, "/ one thread (>= 0.9)", threads / handler);
     line("handler, 4 processes, aggregate", processesRate, "/ one thread (>= 0.8)", processesRate / handler);
+    const double bareProcesses = rate("BM_BareFlockWriteProcesses");
+    line("bare loop, 4 processes, aggregate", bareProcesses, "handler / this       ",
+         bareProcesses > 0 ? processesRate / bareProcesses : 0);
     const double strip = rate("BM_StripCredentialsPlainLines"), scan = rate("BM_MemchrScanPlainLines");
     if (strip > 0 && scan > 0) {
         std::printf("  stripping, lines without credentials     %6.1f ns/line, memchr scan %5.1f ns/line (%.1fx)\n",
