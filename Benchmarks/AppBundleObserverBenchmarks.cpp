@@ -120,7 +120,10 @@ private:
             Clock::time_point now = Clock::now();
             for (ssize_t offset = 0; offset < length;) {
                 const auto& event = *reinterpret_cast<const inotify_event*>(buffer + offset);
-                if (event.wd == watch_.load() && (event.mask & (IN_DELETE_SELF | IN_MOVE_SELF))) {
+                // Once per watch: a bundle moved to the Trash reports its
+                // deletion again when the Trash is emptied.
+                int watched = event.wd;
+                if ((event.mask & (IN_DELETE_SELF | IN_MOVE_SELF)) && watch_.compare_exchange_strong(watched, -1)) {
                     goneAt_ = now;
                     gone_.signal();
                 }
