@@ -1,9 +1,9 @@
 #include "VLVpnClient/VLVpnBackendClient.h"
 
-#include <curl/curl.h>
-
-#include <mutex>
+#include <memory>
 #include <nlohmann/json.hpp>
+
+#include "VLVpnClient/CurlLibrary.h"
 
 namespace VLVpnClient {
 
@@ -11,17 +11,6 @@ namespace {
 
 constexpr size_t maxResponseBytes = 1 << 20;
 
-void initializeCurlOnce() {
-    static std::once_flag once;
-    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
-}
-
-struct EasyDeleter {
-    void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
-};
-struct SlistDeleter {
-    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
-};
 
 size_t collectResponse(char* data, size_t size, size_t count, void* context) {
     auto* response = static_cast<std::string*>(context);
@@ -37,8 +26,8 @@ std::string normalisedBaseUrl(std::string domain) {
     return domain;
 }
 
-VLVBCError transportError(const std::string& url, CURLcode code, const char* detail) {
-    std::string text = "Request to " + url + " failed: " + curl_easy_strerror(code);
+VLVBCError transportError(const CurlLibrary& curl, const std::string& url, CURLcode code, const char* detail) {
+    std::string text = "Request to " + url + " failed: " + curl.easyStrerror(code);
     if (detail != nullptr && *detail != '\0') text += std::string(" (") + detail + ")";
     return VLVBCError{VLVBCError::domainName, VLVBCError::transportErrorBase + code, text};
 }
@@ -54,34 +43,39 @@ public:
 
 private:
     std::optional<VLVBCError> post(const std::string& url, const std::string& body) const {
-        initializeCurlOnce();
-        std::unique_ptr<CURL, EasyDeleter> handle(curl_easy_init());
-        if (!handle) return transportError(url, CURLE_FAILED_INIT, nullptr);
-        curl_slist* rawHeaders = curl_slist_append(nullptr, "Content-Type: application/json");
-        rawHeaders = curl_slist_append(rawHeaders, "Accept: application/json");
-        rawHeaders = curl_slist_append(rawHeaders, "Expect:");
-        std::unique_ptr<curl_slist, SlistDeleter> headers(rawHeaders);
+        const CurlLibrary* library = CurlLibrary::shared();
+        if (library == nullptr) {
+            return VLVBCError{VLVBCError::domainName, VLVBCError::transportErrorBase + CURLE_FAILED_INIT,
+                              "Request to " + url + " failed: " + CurlLibrary::loadError()};
+        }
+        const CurlLibrary& c = *library;
+        std::unique_ptr<CURL, void (*)(CURL*)> handle(c.easyInit(), c.easyCleanup);
+        if (!handle) return transportError(c, url, CURLE_FAILED_INIT, nullptr);
+        curl_slist* rawHeaders = c.slistAppend(nullptr, "Content-Type: application/json");
+        rawHeaders = c.slistAppend(rawHeaders, "Accept: application/json");
+        rawHeaders = c.slistAppend(rawHeaders, "Expect:");
+        std::unique_ptr<curl_slist, void (*)(curl_slist*)> headers(rawHeaders, c.slistFreeAll);
 
         char errorText[CURL_ERROR_SIZE] = {};
         std::string response;
         CURL* curl = handle.get();
-        curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-        curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
-        curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-        curl_easy_setopt(curl, CURLOPT_NOPROXY, "localhost,127.0.0.1,::1");
-        curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers.get());
-        curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.c_str());
-        curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
-        curl_easy_setopt(curl, CURLOPT_USERAGENT, "VLVpnClient/1.0");
-        curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorText);
-        curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, collectResponse);
-        curl_easy_setopt(curl, CURLOPT_WRITEDATA, &response);
-        if (timeoutMs_ > 0) curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, timeoutMs_);
+        c.easySetopt(curl, CURLOPT_URL, url.c_str());
+        c.easySetopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
+        c.easySetopt(curl, CURLOPT_NOSIGNAL, 1L);
+        c.easySetopt(curl, CURLOPT_NOPROXY, "localhost,127.0.0.1,::1");
+        c.easySetopt(curl, CURLOPT_HTTPHEADER, headers.get());
+        c.easySetopt(curl, CURLOPT_POSTFIELDS, body.c_str());
+        c.easySetopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
+        c.easySetopt(curl, CURLOPT_USERAGENT, "VLVpnClient/1.0");
+        c.easySetopt(curl, CURLOPT_ERRORBUFFER, errorText);
+        c.easySetopt(curl, CURLOPT_WRITEFUNCTION, collectResponse);
+        c.easySetopt(curl, CURLOPT_WRITEDATA, &response);
+        if (timeoutMs_ > 0) c.easySetopt(curl, CURLOPT_TIMEOUT_MS, timeoutMs_);
 
-        const CURLcode result = curl_easy_perform(curl);
-        if (result != CURLE_OK) return transportError(url, result, errorText);
+        const CURLcode result = c.easyPerform(curl);
+        if (result != CURLE_OK) return transportError(c, url, result, errorText);
         long status = 0;
-        curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+        c.easyGetinfo(curl, CURLINFO_RESPONSE_CODE, &status);
         if (status < 200 || status > 299)
             return VLVBCError{VLVBCError::domainName, status,
                               "Backend answered HTTP status " + std::to_string(status) + " to " + url};
