@@ -115,22 +115,24 @@ void LoopbackHttpServer::serveConnection(int connection) {
         if (count <= 0) return;
         received.append(buffer, static_cast<std::size_t>(count));
     }
+    // A request counts once answered, so a waiter that then stops the
+    // server never cuts a response off.
+    if (options_.respond) {
+        const std::string response = "HTTP/1.1 " + std::to_string(options_.status) +
+                                     " Status\r\nContent-Type: application/json\r\nContent-Length: 2\r\n"
+                                     "Connection: close\r\n\r\n{}";
+        [[maybe_unused]] const ssize_t sent = ::send(connection, response.data(), response.size(), MSG_NOSIGNAL);
+    }
     {
         std::lock_guard guard(mutex_);
         requests_.push_back(*request);
     }
     changed_.notify_all();
-
     if (!options_.respond) {
         // Hold the connection until the peer gives up, the time-out or shutdown.
         while (::recv(connection, buffer, sizeof buffer, 0) > 0) {
         }
-        return;
     }
-    const std::string response = "HTTP/1.1 " + std::to_string(options_.status) +
-                                 " Status\r\nContent-Type: application/json\r\nContent-Length: 2\r\n"
-                                 "Connection: close\r\n\r\n{}";
-    [[maybe_unused]] const ssize_t sent = ::send(connection, response.data(), response.size(), MSG_NOSIGNAL);
 }
 
 }  // namespace TestSupport
