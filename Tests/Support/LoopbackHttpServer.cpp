@@ -82,7 +82,7 @@ std::vector<HttpRequest> LoopbackHttpServer::requests() const {
 
 bool LoopbackHttpServer::waitForRequests(std::size_t count, std::chrono::milliseconds deadline) const {
     std::unique_lock guard(mutex_);
-    return changed_.wait_for(guard, deadline, [&] { return requests_.size() >= count; });
+    return changed_.wait_for(guard, deadline, [&] { return answered_ >= count; });
 }
 
 void LoopbackHttpServer::serve() {
@@ -115,8 +115,13 @@ void LoopbackHttpServer::serveConnection(int connection) {
         if (count <= 0) return;
         received.append(buffer, static_cast<std::size_t>(count));
     }
-    // A request counts once answered, so a waiter that then stops the
-    // server never cuts a response off.
+    // Recorded before the answer, so a client that has its answer finds its
+    // request in requests(); counted as answered after it, so a waiter that
+    // then stops the server never cuts a response off.
+    {
+        std::lock_guard guard(mutex_);
+        requests_.push_back(*request);
+    }
     if (options_.respond) {
         const std::string response = "HTTP/1.1 " + std::to_string(options_.status) +
                                      " Status\r\nContent-Type: application/json\r\nContent-Length: 2\r\n"
@@ -125,7 +130,7 @@ void LoopbackHttpServer::serveConnection(int connection) {
     }
     {
         std::lock_guard guard(mutex_);
-        requests_.push_back(*request);
+        ++answered_;
     }
     changed_.notify_all();
     if (!options_.respond) {

@@ -58,7 +58,8 @@ public:
 
     /// The requests received so far, complete ones only.
     std::vector<HttpRequest> requests() const;
-    /// Waits until count requests have been received; false at the deadline.
+    /// Waits until count requests have been received and answered; false at
+    /// the deadline.
     bool waitForRequests(std::size_t count, std::chrono::milliseconds deadline = std::chrono::seconds(10)) const;
 
 private:
@@ -73,6 +74,7 @@ private:
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
     std::vector<HttpRequest> requests_;  // guarded by mutex_
+    std::size_t answered_ = 0;           // guarded by mutex_
     int connection_ = -1;                // the one being served; guarded by mutex_
     bool stopping_ = false;              // guarded by mutex_
 };
