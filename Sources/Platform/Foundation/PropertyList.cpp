@@ -114,7 +114,7 @@ std::optional<PropertyList> fromNode(plist_t node) {
                 dict.emplace(std::move(name), std::move(*value));
             }
             free(iter);
-            return PropertyList(std::move(dict));
+            return std::optional<PropertyList>(std::in_place, std::move(dict));
         }
         default:
             return std::nullopt;

@@ -43,7 +43,7 @@ uint64_t checksum(std::string_view bytes) {  // FNV-1a
 std::string recordText(std::mt19937_64& random, int writer, int sequence) {
     const size_t size = size_t(std::exp2(std::uniform_real_distribution<double>(0, 14)(random)));
     std::string text(28 + size, char('a' + random() % 26));
-    char head[29];
+    char head[48];  // 28 used; room for any int the compiler cannot rule out
     std::snprintf(head, sizeof head, "W%02d %06d %016" PRIx64 " ", writer, sequence,
                   checksum(std::string_view(text).substr(28)));
     return text.replace(0, 28, head);
