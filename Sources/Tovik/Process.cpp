@@ -9,6 +9,7 @@
 #include "Dispatch/DispatchQueue.h"
 #include "Dispatch/DispatchSemaphore.h"
 #include "Dispatch/DispatchSource.h"
+#include "Foundation/UTF8.h"
 #include "Posix/ChildProcess.h"
 #include "Tovik/Logger/Logger.h"
 
@@ -35,38 +36,6 @@ void emit(LogLevel level, const std::string& message) {
     text += message;
     auto date = std::chrono::system_clock::now();
     for (const auto& handler : logger.handlers()) handler->log(level, date, text);
-}
-
-bool isValidUtf8(std::string_view text) {
-    const auto* s = reinterpret_cast<const unsigned char*>(text.data());
-    size_t i = 0, n = text.size();
-    while (i < n) {
-        unsigned char c = s[i];
-        if (c < 0x80) {
-            ++i;
-            continue;
-        }
-        size_t length;
-        uint32_t minimum, codePoint;
-        if ((c & 0xE0) == 0xC0) {
-            length = 2, minimum = 0x80, codePoint = c & 0x1F;
-        } else if ((c & 0xF0) == 0xE0) {
-            length = 3, minimum = 0x800, codePoint = c & 0x0F;
-        } else if ((c & 0xF8) == 0xF0) {
-            length = 4, minimum = 0x10000, codePoint = c & 0x07;
-        } else {
-            return false;
-        }
-        if (n - i < length) return false;
-        for (size_t k = 1; k < length; ++k) {
-            if ((s[i + k] & 0xC0) != 0x80) return false;
-            codePoint = (codePoint << 6) | (s[i + k] & 0x3F);
-        }
-        if (codePoint < minimum || codePoint > 0x10FFFF || (codePoint >= 0xD800 && codePoint <= 0xDFFF))
-            return false;
-        i += length;
-    }
-    return true;
 }
 
 std::string joined(const std::optional<std::vector<std::string>>& args) {
@@ -105,7 +74,7 @@ public:
 
 private:
     void logLine(std::string_view line) const {
-        if (line.empty() || !isValidUtf8(line)) return;
+        if (line.empty() || !Foundation::isValidUTF8(line)) return;
         emit(LogLevel::info, toolName_ + "> " + std::string(line));
     }
 

@@ -8,6 +8,7 @@
 #include <memory>
 #include <variant>
 
+#include "Foundation/UTF8.h"
 #include "SystemFacts/OperatingSystemVersion.h"
 #include "Tovik/Logger/Logger.h"
 #include "Tovik/SystemUtils.h"
@@ -58,48 +59,6 @@ std::string removingMatches(const pcre2_code* pattern, const std::string& subjec
                                        reinterpret_cast<PCRE2_UCHAR*>(result.data()), &length);
     if (count < 0) return subject;
     result.resize(length);
-    return result;
-}
-
-/// Length of the well-formed UTF-8 sequence at text[i], or 0.
-size_t utf8SequenceLength(std::string_view text, size_t i) {
-    const auto byte = [&](size_t k) { return static_cast<unsigned char>(text[i + k]); };
-    const unsigned char lead = byte(0);
-    if (lead < 0x80) return 1;
-    size_t length = 0;
-    unsigned char low = 0x80, high = 0xBF;  // bounds of the second byte
-    if (lead >= 0xC2 && lead <= 0xDF) length = 2;
-    else if (lead >= 0xE0 && lead <= 0xEF) {
-        length = 3;
-        if (lead == 0xE0) low = 0xA0;
-        if (lead == 0xED) high = 0x9F;
-    } else if (lead >= 0xF0 && lead <= 0xF4) {
-        length = 4;
-        if (lead == 0xF0) low = 0x90;
-        if (lead == 0xF4) high = 0x8F;
-    } else {
-        return 0;
-    }
-    if (i + length > text.size()) return 0;
-    if (byte(1) < low || byte(1) > high) return 0;
-    for (size_t k = 2; k < length; ++k)
-        if ((byte(k) & 0xC0) != 0x80) return 0;
-    return length;
-}
-
-/// text with every byte that starts no well-formed sequence replaced by U+FFFD.
-std::string repairingUtf8(std::string_view text) {
-    std::string result;
-    result.reserve(text.size());
-    for (size_t i = 0; i < text.size();) {
-        if (const size_t length = utf8SequenceLength(text, i)) {
-            result.append(text.substr(i, length));
-            i += length;
-        } else {
-            result.append("\xEF\xBF\xBD");
-            ++i;
-        }
-    }
     return result;
 }
 
@@ -209,7 +168,7 @@ std::string SystemInfo::getHardwareModel(const SystemFacts::Sysctl& sysctl) {
     std::vector<char> buffer(size, '\0');
     if (sysctl.sysctlbyname("hw.model", buffer.data(), &size) != 0 && errno != ENOMEM) return {};
     const std::string_view bytes(buffer.data(), buffer.size());
-    return repairingUtf8(bytes.substr(0, bytes.find('\0')));
+    return Foundation::repairingUTF8(bytes.substr(0, bytes.find('\0')));
 }
 
 std::string SystemInfo::getOSVersion(const SystemFacts::FactSources& sources) {

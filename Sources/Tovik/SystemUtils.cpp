@@ -2,94 +2,45 @@
 
 #include <cerrno>
 #include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <string_view>
 #include <system_error>
 
+#include "Foundation/UTF8.h"
 #include "Kernel/FileDescriptor.h"
+#include "Posix/ChildProcess.h"
 #include "Tovik/Logger/Logger.h"
-
-extern char** environ;
 
 namespace Tovik {
 
 namespace {
 
-/// Owns posix_spawn file actions.
-class SpawnFileActions {
-public:
-    SpawnFileActions() { ::posix_spawn_file_actions_init(&actions_); }
-    ~SpawnFileActions() { ::posix_spawn_file_actions_destroy(&actions_); }
-    SpawnFileActions(const SpawnFileActions&) = delete;
-    SpawnFileActions& operator=(const SpawnFileActions&) = delete;
-
-    posix_spawn_file_actions_t* get() { return &actions_; }
-
-private:
-    posix_spawn_file_actions_t actions_;
-};
-
 std::string posixErrorText(const std::string& call, const std::string& arguments, int error) {
     return "cliUtil: " + call + " (" + arguments + "): " + std::system_category().message(error);
 }
 
-bool isValidUtf8(std::string_view text) {
-    size_t i = 0;
-    while (i < text.size()) {
-        const auto lead = static_cast<unsigned char>(text[i]);
-        size_t length = 0;
-        uint32_t codePoint = 0;
-        if (lead < 0x80) {
-            ++i;
-            continue;
-        } else if ((lead & 0xE0) == 0xC0) {
-            length = 2;
-            codePoint = lead & 0x1F;
-        } else if ((lead & 0xF0) == 0xE0) {
-            length = 3;
-            codePoint = lead & 0x0F;
-        } else if ((lead & 0xF8) == 0xF0) {
-            length = 4;
-            codePoint = lead & 0x07;
-        } else {
-            return false;
-        }
-        if (i + length > text.size()) return false;
-        for (size_t k = 1; k < length; ++k) {
-            const auto next = static_cast<unsigned char>(text[i + k]);
-            if ((next & 0xC0) != 0x80) return false;
-            codePoint = (codePoint << 6) | (next & 0x3F);
-        }
-        const bool overlong = (length == 2 && codePoint < 0x80) || (length == 3 && codePoint < 0x800) ||
-                              (length == 4 && codePoint < 0x10000);
-        if (overlong || codePoint > 0x10FFFF || (codePoint >= 0xD800 && codePoint <= 0xDFFF)) return false;
-        i += length;
-    }
-    return true;
-}
 
 std::optional<std::string> utf8Text(const std::optional<SystemUtil::Bytes>& bytes) {
     if (!bytes) return std::nullopt;
     std::string text(bytes->begin(), bytes->end());
-    if (!isValidUtf8(text)) return std::nullopt;
+    if (!Foundation::isValidUTF8(text)) return std::nullopt;
     return text;
 }
 
 std::string urlDescription(const std::filesystem::path& url) { return "file://" + url.string(); }
 
-/// Waits for the child, retrying on interruption; the status as NSTask
-/// reports it (exit code, or the number of the signal that ended it).
-std::int32_t waitForExit(pid_t pid) {
-    int status = 0;
-    while (::waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR) return SystemUtil::launchFailureStatus;
+/// Waits for the child to end; the status as NSTask reports it (exit code,
+/// or the number of the signal that ended it).
+std::int32_t waitForExit(Posix::ChildProcess& child) {
+    pollfd waiter{child.exitDescriptor(), POLLIN, 0};
+    for (;;) {
+        if (auto exit = child.reap()) {
+            return exit->reason == Posix::ChildExit::Reason::unknown ? SystemUtil::launchFailureStatus : exit->status;
+        }
+        if (::poll(&waiter, 1, -1) < 0 && errno != EINTR) return SystemUtil::launchFailureStatus;
     }
-    if (WIFEXITED(status)) return WEXITSTATUS(status);
-    if (WIFSIGNALED(status)) return WTERMSIG(status);
-    return status;
 }
 
 }  // namespace
@@ -103,7 +54,8 @@ std::pair<std::int32_t, std::optional<SystemUtil::Bytes>> SystemUtil::cliUtil(
         return {launchFailureStatus, std::nullopt};
     };
 
-    SpawnFileActions actions;
+    Posix::ChildProcess::Options options{.arguments = arguments, .currentDirectory = std::nullopt};
+    if (currentDirPath) options.currentDirectory = currentDirPath->string();
     Kernel::FileDescriptor readEnd;
     Kernel::FileDescriptor writeEnd;
     if (output) {
@@ -111,22 +63,12 @@ std::pair<std::int32_t, std::optional<SystemUtil::Bytes>> SystemUtil::cliUtil(
         if (::pipe2(fds, O_CLOEXEC) != 0) return fail(posixErrorText("pipe2", path, errno));
         readEnd.reset(fds[0]);
         writeEnd.reset(fds[1]);
-        ::posix_spawn_file_actions_adddup2(actions.get(), writeEnd.get(), STDOUT_FILENO);
-        ::posix_spawn_file_actions_adddup2(actions.get(), writeEnd.get(), STDERR_FILENO);
+        options.standardOutput = options.standardError = writeEnd.get();
     }
-    if (currentDirPath) ::posix_spawn_file_actions_addchdir_np(actions.get(), currentDirPath->c_str());
-
-    std::vector<char*> argv;
-    argv.reserve(arguments.size() + 2);
-    argv.push_back(const_cast<char*>(path.c_str()));
-    for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-    argv.push_back(nullptr);
-
-    pid_t pid = 0;
-    const int spawnError = ::posix_spawn(&pid, path.c_str(), actions.get(), nullptr, argv.data(), environ);
-    if (spawnError != 0) {
+    auto child = Posix::ChildProcess::spawn(path, options);
+    if (!child) {
         const std::string where = currentDirPath ? path + ", in " + currentDirPath->string() : path;
-        return fail(posixErrorText("posix_spawn", where, spawnError));
+        return fail(posixErrorText("posix_spawn", where, errno));
     }
     // Only the child may hold the writing end now, so end of file means it is done.
     writeEnd.reset();
@@ -149,12 +91,12 @@ std::pair<std::int32_t, std::optional<SystemUtil::Bytes>> SystemUtil::cliUtil(
         }
         readEnd.reset();
         if (readError != 0) {
-            waitForExit(pid);
+            waitForExit(*child);
             return fail(posixErrorText("read", path, readError));
         }
         collected = std::move(bytes);
     }
-    return {waitForExit(pid), std::move(collected)};
+    return {waitForExit(*child), std::move(collected)};
 }
 
 std::pair<std::int32_t, std::optional<std::string>> SystemUtil::cliUtilText(

@@ -44,4 +44,13 @@ std::string readFile(const std::filesystem::path& path) {
     return text.str();
 }
 
+int descriptorsOn(const std::filesystem::path& path) {
+    int count = 0;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", error)) {
+        count += std::filesystem::read_symlink(entry, error) == path;
+    }
+    return count;
+}
+
 }  // namespace TestSupport

@@ -34,4 +34,8 @@ void writeFile(const std::filesystem::path& path, const std::string& text);
 /// The whole file, or "" when it cannot be read.
 std::string readFile(const std::filesystem::path& path);
 
+/// How many descriptors of this process refer to path (by their /proc/self/fd
+/// link): shows whether a watch on it is still open.
+int descriptorsOn(const std::filesystem::path& path);
+
 }  // namespace TestSupport

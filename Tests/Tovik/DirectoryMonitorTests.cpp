@@ -14,6 +14,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using Tovik::DirectoryMonitor;
+using TestSupport::descriptorsOn;
 using TestSupport::waitUntil;
 
 // Counts calls; the first one may be held until the test lets it go.
@@ -30,13 +31,6 @@ struct Delegate : Tovik::DirectoryMonitorDelegate {
     std::atomic<bool> holdFirst{false}, stopFromCallback{false};
     Dispatch::DispatchSemaphore entered{0}, release{0};
 };
-
-int descriptorsOn(const fs::path& path) {
-    int count = 0;
-    std::error_code error;
-    for (const auto& entry : fs::directory_iterator("/proc/self/fd", error)) count += fs::read_symlink(entry, error) == path;
-    return count;
-}
 
 class DirectoryMonitorTest : public ::testing::Test {
 protected:

@@ -11,18 +11,12 @@
 namespace {
 
 namespace fs = std::filesystem;
+using TestSupport::descriptorsOn;
 using TestSupport::waitUntil;
 using VpnHelper::AppBundleObserver;
 
 const std::string kExists = "W: (AppBundleObserver) App path is exist";
 const std::string kNoMonitor = "I: (AppBundleObserver) Directory monitor is nil. Monitoring was stopped.";
-
-int descriptorsOn(const fs::path& path) {
-    int count = 0;
-    std::error_code error;
-    for (const auto& entry : fs::directory_iterator("/proc/self/fd", error)) count += fs::read_symlink(entry, error) == path;
-    return count;
-}
 
 class AppBundleObserverTest : public ::testing::Test {
 protected:

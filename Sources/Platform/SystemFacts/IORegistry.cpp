@@ -7,6 +7,8 @@
 #include <system_error>
 #include <utility>
 
+#include "Foundation/UTF8.h"
+
 namespace SystemFacts {
 
 namespace {
@@ -22,19 +24,6 @@ std::optional<unsigned long> parseUnsigned(std::string_view text, int base) {
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
     if (error != std::errc() || end != text.data() + text.size() || text.empty()) return std::nullopt;
     return value;
-}
-
-bool isValidUtf8(std::string_view text) {
-    for (size_t i = 0; i < text.size();) {
-        const auto lead = static_cast<unsigned char>(text[i]);
-        const size_t length = lead < 0x80 ? 1 : (lead & 0xE0) == 0xC0 ? 2 : (lead & 0xF0) == 0xE0 ? 3
-                                             : (lead & 0xF8) == 0xF0 ? 4 : 0;
-        if (length == 0 || (length == 2 && lead < 0xC2) || i + length > text.size()) return false;
-        for (size_t k = 1; k < length; ++k)
-            if ((static_cast<unsigned char>(text[i + k]) & 0xC0) != 0x80) return false;
-        i += length;
-    }
-    return true;
 }
 
 }  // namespace
@@ -165,7 +154,7 @@ RegistryProperty IORegistry::createProperty(const RegistryEntry& entry, std::str
         if (!text) return {};
         std::string serial = FactSources::trimmed(*text);
         if (serial.empty()) return {};
-        if (!isValidUtf8(serial)) return std::vector<std::uint8_t>(serial.begin(), serial.end());
+        if (!Foundation::isValidUTF8(serial)) return std::vector<std::uint8_t>(serial.begin(), serial.end());
         return serial;
     }
     return {};
