@@ -161,7 +161,7 @@ TEST(FileLogHandlerConcurrency, CheckerFindsDroppedDuplicatedAndTornRecords) {
     const size_t offset = records[0].size() + records[1].size() + records[2].size();
     EXPECT_EQ(check(torn), "torn record at offset " + std::to_string(offset));
     auto interleaved = records;
-    interleaved[3].insert(interleaved[3].size() - 1, "x");  // a foreign byte inside a whole record
+    interleaved[3].insert(interleaved[3].end() - 1, 'x');  // a foreign byte inside a whole record
     EXPECT_EQ(check(interleaved), "interleaved record at offset " + std::to_string(offset));
     records.pop_back();
     EXPECT_EQ(check(records), "writer 1: last record missing");
