@@ -51,7 +51,7 @@ cp scripts/launchctl-standin.sh "$sandbox/bin/launchctl"
 
 # The backend: a loopback server that answers 200 and records the request.
 "$build/Tests/loopback-http-server" --status 200 --port-file "$sandbox/port" \
-  --request-file "$sandbox/request.txt" --count 1 --timeout 60 &
+  --request-file "$sandbox/request.txt" --timeout 60 &
 server_pid=$!
 for _ in $(seq 100); do [ -s "$sandbox/port" ] && break; sleep 0.05; done
 port=$(cat "$sandbox/port")

@@ -3,14 +3,13 @@
 // It listens on a free loopback port from construction, serves the
 // connections one at a time on its own thread, records each request and
 // answers with the configured status and a "{}" body, then closes the
-// connection. After `maxRequests` requests it stops listening, so later
-// connections are refused. Every read is bounded by `ioTimeout`;
-// the destructor stops the thread and closes every socket.
+// connection. After one request it stops listening, so later connections are
+// refused. Every read is bounded by 10 s; the destructor stops the thread and
+// closes every socket.
 #pragma once
 
 #include <chrono>
 #include <condition_variable>
-#include <cstddef>
 #include <cstdint>
 #include <mutex>
 #include <optional>
@@ -35,19 +34,11 @@ struct HttpRequest {
 
 class LoopbackHttpServer {
 public:
-    struct Options {
-        int status = 200;
-        /// False: record the request but never answer, holding the connection
-        /// until ioTimeout or shutdown (for client time-out tests).
-        bool respond = true;
-        std::size_t maxRequests = 1;
-        std::chrono::milliseconds ioTimeout = std::chrono::seconds(10);
-    };
-
     /// Binds and listens at once; fails the current test (and then refuses
-    /// every connection) when it cannot.
-    explicit LoopbackHttpServer(Options options);
-    LoopbackHttpServer() : LoopbackHttpServer(Options{}) {}
+    /// every connection) when it cannot. respond false: record the request but
+    /// never answer, holding the connection until the peer gives up, 10 s pass
+    /// or shutdown (for client time-out tests).
+    explicit LoopbackHttpServer(int status = 200, bool respond = true);
     ~LoopbackHttpServer();
     LoopbackHttpServer(const LoopbackHttpServer&) = delete;
     LoopbackHttpServer& operator=(const LoopbackHttpServer&) = delete;
@@ -58,15 +49,15 @@ public:
 
     /// The requests received so far, complete ones only.
     std::vector<HttpRequest> requests() const;
-    /// Waits until count requests have been received and answered; false at
-    /// the deadline.
-    bool waitForRequests(std::size_t count, std::chrono::milliseconds deadline = std::chrono::seconds(10)) const;
+    /// Waits until the request has been received and answered; false at the deadline.
+    bool waitForRequest(std::chrono::milliseconds deadline) const;
 
 private:
     void serve();
     void serveConnection(int connection);
 
-    const Options options_;
+    const int status_;
+    const bool respond_;
     int listener_ = -1;
     std::uint16_t port_ = 0;
     std::thread thread_;
@@ -74,7 +65,7 @@ private:
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
     std::vector<HttpRequest> requests_;  // guarded by mutex_
-    std::size_t answered_ = 0;           // guarded by mutex_
+    bool answered_ = false;              // guarded by mutex_
     int connection_ = -1;                // the one being served; guarded by mutex_
     bool stopping_ = false;              // guarded by mutex_
 };

@@ -1,10 +1,10 @@
 #include "Tovik/DirectoryMonitor.h"
 
 #include <gtest/gtest.h>
-#include <sys/time.h>
 
 #include <atomic>
 #include <thread>
+#include <vector>
 
 #include "Dispatch/DispatchSemaphore.h"
 #include "Support/LogCapture.h"
@@ -74,24 +74,18 @@ TEST_F(DirectoryMonitorTest, MissingPathFailsWithOneErrorAndCanBeRetried) {
     monitor->stopMonitoring();
 }
 
-TEST_F(DirectoryMonitorTest, RestartArmsANewDescriptorThatReportsEveryKindOfChange) {
+TEST_F(DirectoryMonitorTest, RestartArmsANewDescriptorThatReportsChanges) {
     auto monitor = started();
     int first = monitor->fd();
     EXPECT_TRUE(monitor->restartMonitoring());
     EXPECT_NE(monitor->fd(), first);
     EXPECT_TRUE(waitUntil([&] { return descriptorsOn(dir) == 1; })) << "the old descriptor is closed";
     EXPECT_TRUE(monitor->isMonitoring()) << "the old cancel handler reset the new start";
+    // A few representative changes: the vnode source tests map every kind of change to events.
     expectReported("create", [&] { TestSupport::writeFile(dir / "f", "x"); });
-    expectReported("mkdir", [&] { fs::create_directory(dir / "d"); });
     expectReported("rename", [&] { fs::rename(dir / "f", dir / "g"); });
-    expectReported("move out", [&] { fs::rename(dir / "g", temp / "g"); });
-    expectReported("move in", [&] { fs::rename(temp / "g", dir / "g"); });
     expectReported("delete", [&] { fs::remove(dir / "g"); });
-    expectReported("rmdir", [&] { fs::remove(dir / "d"); });
     expectReported("chmod", [&] { fs::permissions(dir, fs::perms::owner_all); });
-    expectReported("touch", [&] { ::utimes(dir.c_str(), nullptr); });
-    expectReported("move itself", [&] { fs::rename(dir, temp / "moved"); });
-    expectReported("delete itself", [&] { fs::remove(temp / "moved"); });
     release(monitor);
 }
 
@@ -124,6 +118,7 @@ TEST_F(DirectoryMonitorTest, OwnershipAndFreedDelegate) {
     release(monitor);  // a freed delegate is skipped, not called through a dangling pointer
 }
 
+// Under ThreadSanitizer this is the race check of the monitor's lock.
 TEST_F(DirectoryMonitorTest, ConcurrentStartsStopsAndRestartsLeaveNothingBehind) {
     auto monitor = DirectoryMonitor::create(dir.string());
     monitor->setDelegate(delegate);

@@ -23,8 +23,7 @@ const std::string childFlag = "--process-tests-child";
 
 // Child steps: "out:<bytes>" and "err:<bytes>" write to standard output or
 // error; "drain" waits until the reader has taken everything written so far;
-// "stdin" reads standard input to its end; "pwd" prints the working folder;
-// "exit:<n>" exits with n (0 after the last step).
+// "stdin" reads standard input to its end; "exit:<n>" exits with n (0 after the last step).
 const bool runsAsChild = [] {
     std::ifstream in("/proc/self/cmdline", std::ios::binary);
     std::vector<std::string> args;
@@ -44,8 +43,6 @@ const bool runsAsChild = [] {
             char buffer[256];
             while (read(0, buffer, sizeof buffer) > 0) {
             }
-        } else if (step == "pwd") {
-            put(1, fs::current_path().string() + "\n");
         } else if (step.starts_with("exit:")) {
             _exit(std::stoi(std::string(step.substr(5))));
         }
@@ -55,10 +52,9 @@ const bool runsAsChild = [] {
 
 // Runs this binary as a child following steps.
 std::shared_ptr<Process> runChild(std::vector<std::string> steps, bool wait,
-                                  const std::optional<std::string>& workdir = std::nullopt,
                                   const std::optional<Tovik::ProcessStream>& in = std::nullopt) {
     steps.insert(steps.begin(), childFlag);
-    return Process::run(self, steps, workdir, in, std::nullopt, std::nullopt, wait);
+    return Process::run(self, steps, std::nullopt, in, std::nullopt, std::nullopt, wait);
 }
 
 std::string running(const std::vector<std::string>& steps) {
@@ -106,17 +102,11 @@ TEST_F(ProcessTests, WaitingReturnsAfterTheExitStatusWasLogged) {
     ASSERT_TRUE(process);
     EXPECT_EQ(process->terminationStatus(), 3);
     EXPECT_TRUE(logged(returned(process->processIdentifier(), 3)));
-
-    TestSupport::TemporaryDirectory dir;
-    ASSERT_TRUE(runChild({"pwd"}, true, dir.path().string()));
-    EXPECT_TRUE(logged(running({"pwd"}) + " in " + dir.path().string()));
-    ASSERT_TRUE(waitUntil([&] { return !outputLines().empty(); }));
-    EXPECT_EQ(outputLines(), std::vector<std::string>{"exe> " + dir.path().string()});
 }
 
 TEST_F(ProcessTests, WithoutWaitingTheCallReturnsWhileTheChildRuns) {
     auto input = Pipe::create();
-    auto process = runChild({"stdin", "exit:7"}, false, std::nullopt, Tovik::ProcessStream(input));
+    auto process = runChild({"stdin", "exit:7"}, false, Tovik::ProcessStream(input));
     ASSERT_TRUE(process);
     EXPECT_TRUE(process->isRunning());
     EXPECT_FALSE(logged(returned(process->processIdentifier(), 7)));

@@ -66,16 +66,12 @@ TEST(SyncAsyncTests, SyncThrowingPassesValuesAndErrorsOn) {
     EXPECT_NO_THROW(serial.syncThrowing<void>([](Completion<Result<void>> done) { done({}); }));
 }
 
-TEST(SyncResultTests, UnlimitedWaitReturnsValueWrittenFromAnotherThread) {
-    int value = withSyncResult(-1, 0, "status", __FILE__, "status()", __LINE__,
-                               [](const std::shared_ptr<SyncResult<int>>& result) {
-                                   resumeLater([result] { result->setValue(17); });
-                               });
-    EXPECT_EQ(value, 17);
-}
-
-TEST(SyncResultTests, TimeOutReturnsInitialValueAndLogsCallersLocation) {
+TEST(SyncResultTests, WaitsForTheValueOrTimesOutLoggingTheCallersLocation) {
     TestSupport::ScopedLogCapture capture(LogLevel::info);
+    // A time-out of 0 waits without limit for a value written from another thread.
+    EXPECT_EQ(withSyncResult(-1, 0, "status", __FILE__, "status()", __LINE__,
+                             [](const auto& result) { resumeLater([result] { result->setValue(17); }); }),
+              17);
     std::shared_ptr<SyncResult<std::string>> kept;
     std::string value = withSyncResult(std::string("initial"), 0.5, "loadKeys", "Tovik/KeyStorage.cpp", "load()", 42,
                                        [&kept](const auto& result) { kept = result; });

@@ -108,7 +108,7 @@ protected:
 };
 
 TEST_F(DaemonEndToEndTest, UninstallReportsBootsOutAndDeletes) {
-    LoopbackHttpServer server(LoopbackHttpServer::Options{.status = 200});
+    LoopbackHttpServer server(200);
     writeDevConfig(server.url());
     uninstall();
 
@@ -140,7 +140,7 @@ TEST_F(DaemonEndToEndTest, UninstallReportsBootsOutAndDeletes) {
 }
 
 TEST_F(DaemonEndToEndTest, BackendErrorAndMissingPlistAreLoggedAndCleanupStillHappens) {
-    LoopbackHttpServer server(LoopbackHttpServer::Options{.status = 500});
+    LoopbackHttpServer server(500);
     writeDevConfig(server.url());
     fs::remove(plist);  // already gone: its message is logged all the same
     uninstall();
@@ -173,7 +173,7 @@ TEST_F(DaemonEndToEndTest, ExitsWithStatusOneWithoutSharedFolder) {
 }
 
 TEST_F(DaemonEndToEndTest, DevConfigWithWrongPermissionsIsIgnored) {
-    LoopbackHttpServer server(LoopbackHttpServer::Options{.status = 200});
+    LoopbackHttpServer server(200);
     writeDevConfig(server.url(), 0666);
     uninstall(/*isolatedNetwork=*/true);
     EXPECT_TRUE(logged("Dev config file must have permissions readonly for other."));

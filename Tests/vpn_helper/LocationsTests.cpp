@@ -82,7 +82,6 @@ TEST(LocationsTests, FoldersAreMadeInTheLocalLibraryAndInTheUsersHome) {
     EXPECT_EQ(Locations::sharedLogsFolder(), sharedLogs);
     EXPECT_EQ(modeOf(sharedLogs), 0755u);
     EXPECT_EQ(Locations::sharedFolder(), shared);
-    EXPECT_EQ(Locations::sharedFolder(), shared);
 
     EXPECT_EQ(Locations::groupLogsFolder(), group / "Library/Logs/com.velmora.mac.vpn");
     EXPECT_EQ(Locations::appGroupFolder(), group);

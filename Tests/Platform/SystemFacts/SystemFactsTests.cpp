@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -9,7 +8,6 @@
 #include "SystemFacts/FactSources.h"
 #include "SystemFacts/IORegistry.h"
 #include "SystemFacts/OperatingSystemVersion.h"
-#include "SystemFacts/Sysctl.h"
 
 namespace {
 
@@ -70,20 +68,6 @@ TEST_F(FakeMachineTest, PrimaryInterfaceIsTheDefaultRouteOneWithTheLowestMetricE
 
     for (const char* text : {"", "52:54:00:12:34:5", "52:54:00:12:34:56:78", "52-54-00-12-34-56", "0x:54:00:12:34:56"})
         EXPECT_FALSE(IORegistry::parseHardwareAddress(text)) << text;
-}
-
-// The processor type and the DMI model are covered through SystemInfo.
-TEST_F(FakeMachineTest, SysctlModelFromTheDeviceTreeWithoutDmiAndUnknownNames) {
-    const Sysctl sysctl(sources);
-    char model[32] = {};
-    size_t size = sizeof model;
-    EXPECT_EQ(sysctl.sysctlbyname("hw.nosuchname", model, &size), -1);
-    EXPECT_EQ(errno, ENOENT);
-    fs::create_directories(sources.proc / "device-tree");
-    writeFile(sources.proc / "device-tree/model", std::string("Raspberry Pi 4 Model B Rev 1.4\0", 31));
-    ASSERT_EQ(sysctl.sysctlbyname("hw.model", model, &size), 0);
-    EXPECT_STREQ(model, "Raspberry Pi 4 Model B Rev 1.4");
-    EXPECT_EQ(Sysctl::cpuTypeForMachine("x86_64"), 0x01000007);
 }
 
 TEST(OperatingSystemVersionTest, AlwaysThreePartsFromTheKernelRelease) {

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <chrono>
 #include <memory>
 #include <string>
 
@@ -27,13 +26,9 @@ std::shared_ptr<VLVpnBackendClient> clientFor(const std::optional<std::string>& 
         config, std::make_shared<VLVBCAppDetails>(VLVBCAppDetails{"0a0b0c0d0e0f", 8, "de", "en", "2.11.0"}), nullptr);
 }
 
-std::optional<VLVBCError> trackUninstall(const std::string& apiDomain, std::int64_t timeoutMs = 10000) {
-    return clientFor(apiDomain, timeoutMs)->appsApi()->trackAppUninstall();
-}
-
 TEST(VLVpnBackendClientTest, UninstallReportIsOneJsonPostToTheApiDomain) {
     LoopbackHttpServer server;
-    EXPECT_EQ(trackUninstall(server.url() + "/"), std::nullopt);
+    EXPECT_EQ(clientFor(server.url() + "/")->appsApi()->trackAppUninstall(), std::nullopt);
 
     ASSERT_EQ(server.requests().size(), 1u);
     const auto request = server.requests()[0];
@@ -51,19 +46,15 @@ TEST(VLVpnBackendClientTest, UninstallReportIsOneJsonPostToTheApiDomain) {
 }
 
 TEST(VLVpnBackendClientTest, StatusesOutsideTwoHundredsAndTransportFailuresAreErrors) {
-    LoopbackHttpServer server({.status = 500});
-    const auto error = trackUninstall(server.url());
+    LoopbackHttpServer server(500);
+    const auto error = clientFor(server.url())->appsApi()->trackAppUninstall();
     ASSERT_TRUE(error);
     EXPECT_EQ(error->code, 500);
     EXPECT_EQ(error->description(), "Error Domain=VLVBCErrorDomain Code=500 \"Backend answered HTTP status 500 to " +
                                         server.url() + "/v1/apps/uninstall\"");
 
-    std::string refusingUrl;
-    {
-        LoopbackHttpServer closed({.maxRequests = 0});
-        refusingUrl = closed.url();
-    }
-    const auto refused = trackUninstall(refusingUrl);
+    const std::string refusingUrl = LoopbackHttpServer().url();  // closed again at once
+    const auto refused = clientFor(refusingUrl)->appsApi()->trackAppUninstall();
     ASSERT_TRUE(refused);
     EXPECT_EQ(refused->code, VLVBCError::transportErrorBase + 7);  // could not connect
     EXPECT_TRUE(refused->localizedDescription.starts_with("Request to " + refusingUrl + "/v1/apps/uninstall failed: "))
@@ -71,8 +62,8 @@ TEST(VLVpnBackendClientTest, StatusesOutsideTwoHundredsAndTransportFailuresAreEr
 
     // A backend that never answers: the request ends at the client's time-out,
     // long before the server would drop the connection.
-    LoopbackHttpServer silent({.respond = false, .ioTimeout = std::chrono::seconds(30)});
-    const auto timedOut = trackUninstall(silent.url(), 200);
+    LoopbackHttpServer silent(200, /*respond=*/false);
+    const auto timedOut = clientFor(silent.url(), 200)->appsApi()->trackAppUninstall();
     ASSERT_TRUE(timedOut);
     EXPECT_EQ(timedOut->code, VLVBCError::transportErrorBase + 28);  // operation timed out
     EXPECT_NE(timedOut->localizedDescription.find("Timeout"), std::string::npos) << timedOut->localizedDescription;

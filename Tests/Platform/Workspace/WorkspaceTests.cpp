@@ -1,11 +1,11 @@
 #include "Workspace/Workspace.h"
 
 #include <gtest/gtest.h>
-#include <plist/plist.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "Foundation/PropertyList.h"
 #include "Support/TestSupport.h"
 
 namespace {
@@ -18,15 +18,8 @@ std::string xmlPlist(const std::string& id) {
 }
 
 std::string binaryPlist(const std::string& id) {
-    plist_t dict = plist_new_dict();
-    plist_dict_set_item(dict, "CFBundleIdentifier", plist_new_string(id.c_str()));
-    char* data = nullptr;
-    uint32_t length = 0;
-    plist_to_bin(dict, &data, &length);
-    std::string bytes(data, length);
-    plist_to_bin_free(data);
-    plist_free(dict);
-    return bytes;
+    using Foundation::PropertyList;
+    return PropertyList(PropertyList::Dictionary{{"CFBundleIdentifier", id}}).data(PropertyList::Format::binary);
 }
 
 class WorkspaceTest : public ::testing::Test {

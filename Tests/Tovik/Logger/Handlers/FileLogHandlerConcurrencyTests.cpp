@@ -163,8 +163,6 @@ TEST(FileLogHandlerConcurrency, CheckerFindsDroppedDuplicatedAndTornRecords) {
     auto interleaved = records;
     interleaved[3].insert(interleaved[3].end() - 1, 'x');  // a foreign byte inside a whole record
     EXPECT_EQ(check(interleaved), "interleaved record at offset " + std::to_string(offset));
-    records.pop_back();
-    EXPECT_EQ(check(records), "writer 1: last record missing");
 }
 
 TEST(FileLogHandlerConcurrency, ProcessesAndThreadsShareOneFileWhileItRotates) {
