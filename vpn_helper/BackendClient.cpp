@@ -91,8 +91,14 @@ const Dispatch::DispatchQueue& BackendClient::queue() {
 }
 
 std::shared_ptr<VLVpnClient::VLVpnBackendClient> BackendClient::shared() {
-    static const std::shared_ptr<VLVpnClient::VLVpnBackendClient> client =
-        VLVpnClient::VLVpnBackendClient::create(defaultConfig(), defaultAppDetails(), defaultIpcConfig());
+    static const std::shared_ptr<VLVpnClient::VLVpnBackendClient> client = [] {
+        // In the written order: arguments of one call may be evaluated in any
+        // order, and each of these logs its own findings.
+        auto config = defaultConfig();
+        auto appDetails = defaultAppDetails();
+        auto ipcConfig = defaultIpcConfig();
+        return VLVpnClient::VLVpnBackendClient::create(config, appDetails, ipcConfig);
+    }();
     return client;
 }
 
