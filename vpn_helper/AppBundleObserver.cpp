@@ -10,10 +10,16 @@ namespace VpnHelper {
 
 namespace {
 
-// The file manager's existence test: follows symbolic links, any kind of item.
-bool fileExists(const std::string& path) {
+// How often one change check re-arms on a bundle folder that keeps being
+// replaced before it leaves the rest to the next report.
+constexpr int kMaxRearms = 8;
+
+// The node at path, if any item is there (the file manager's existence test:
+// follows symbolic links, any kind of item).
+std::optional<Tovik::DirectoryMonitor::Node> nodeAt(const std::string& path) {
     struct stat info {};
-    return ::stat(path.c_str(), &info) == 0;
+    if (::stat(path.c_str(), &info) != 0) return std::nullopt;
+    return Tovik::DirectoryMonitor::Node{info.st_dev, info.st_ino};
 }
 
 void logMonitorGone() {
@@ -59,16 +65,11 @@ void AppBundleObserver::start(Completion completion) {
         TLOG_WARN("startMonitoring(completion:)", "Failed to obtain app url for bundle: " + appBundleId_);
         return;
     }
-    if (directoryMonitor_) {
-        directoryMonitor_->stopMonitoring();
-        directoryMonitor_.reset();
-    }
+    disarm();
     callback_ = std::move(completion);
 
     const std::string bundlePath = appBundleUrl_->string();
-    directoryMonitor_ = Tovik::DirectoryMonitor::create(bundlePath);
-    directoryMonitor_->setDelegate(weak_from_this());
-    const bool result = directoryMonitor_->startMonitoring();
+    const bool result = arm(bundlePath);
     TLOG_INFO("startMonitoring(completion:)", "Start removal observer for path: " + bundlePath + " and bundle: " +
                                                   appBundleId_ + " with result: " + (result ? "true" : "false"));
 }
@@ -84,13 +85,39 @@ void AppBundleObserver::handleChange(const std::weak_ptr<Tovik::DirectoryMonitor
         return;
     }
     const std::string bundlePath = appBundleUrl_->string();
-    if (fileExists(bundlePath)) {
+    auto node = nodeAt(bundlePath);
+    if (node) {
         TLOG_WARN("directoryMonitorDidObserveChange(_:)", "App path is exist");
-        return;
+        // An update may have put a new folder at the bundle path (moved or
+        // exchanged into place): the monitor still follows the old one, which
+        // would never report the bundle's deletion. Watch what stands there
+        // now, and look again, since it may have been replaced or deleted
+        // before the new monitor was armed.
+        for (int rearms = 0; node && directoryMonitor_->watchedNode() != node; ++rearms) {
+            // Still being replaced after several tries: stop here. If the
+            // last monitor was armed before the latest replacement, that
+            // replacement brings another check.
+            if (rearms == kMaxRearms) return;
+            disarm();
+            arm(bundlePath);
+            node = nodeAt(bundlePath);
+        }
+        if (node) return;
     }
+    disarm();
+    if (callback_) callback_(bundlePath);
+}
+
+bool AppBundleObserver::arm(const std::string& bundlePath) {
+    directoryMonitor_ = Tovik::DirectoryMonitor::create(bundlePath);
+    directoryMonitor_->setDelegate(weak_from_this());
+    return directoryMonitor_->startMonitoring();
+}
+
+void AppBundleObserver::disarm() {
+    if (!directoryMonitor_) return;
     directoryMonitor_->stopMonitoring();
     directoryMonitor_.reset();
-    if (callback_) callback_(bundlePath);
 }
 
 }  // namespace VpnHelper

@@ -4,8 +4,11 @@
 // The bundle is located once, at construction, by its bundle identifier. A
 // DirectoryMonitor on the bundle folder reports changes; after each one the
 // observer checks whether the bundle path still exists. A change that leaves
-// the bundle in place is ignored; the first one after which it is gone stops
-// the monitor and fires the completion, once.
+// the bundle in place is logged and otherwise ignored, except that when a
+// different folder now stands at the path (an update moved or exchanged a new
+// bundle into place), the observer moves its monitor to that folder. The
+// first change after which the path is gone stops the monitor and fires the
+// completion, once.
 //
 // All work runs in submission order on the serial queue "vpn.helper.observer":
 // the start, every change check and the completion, which may block the
@@ -51,17 +54,27 @@ public:
     void startMonitoring(Completion completion);
 
     /// Called by the monitor from any thread; returns at once and checks the
-    /// bundle on the queue.
+    /// bundle on the queue. Reports of a monitor that is no longer the
+    /// current one are logged and ignored. While the bundle path exists, the
+    /// check leaves the current monitor armed on the folder now at that path
+    /// (same device and inode), re-arming it when the folder was replaced (a
+    /// few times at most while it keeps being replaced); once the path is
+    /// gone, the monitor is stopped and the completion runs.
     void directoryMonitorDidObserveChange(const std::shared_ptr<Tovik::DirectoryMonitor>& monitor) override;
 
     /// The observer's serial queue, where the completion runs.
     const Dispatch::DispatchQueue& queue() const { return queue_; }
     /// Where the bundle was found at construction, if anywhere.
     const std::optional<std::filesystem::path>& appBundleUrl() const { return appBundleUrl_; }
+    /// The monitor armed on the bundle folder; none before the start and once
+    /// the bundle is gone. Read it on the queue only.
+    const std::shared_ptr<Tovik::DirectoryMonitor>& directoryMonitor() const { return directoryMonitor_; }
 
 private:
     void start(Completion completion);
     void handleChange(const std::weak_ptr<Tovik::DirectoryMonitor>& reporter);
+    bool arm(const std::string& bundlePath);  // a new current monitor; whether it started
+    void disarm();                            // stops and drops the current monitor
 
     std::shared_ptr<Tovik::DirectoryMonitor> directoryMonitor_;  // on queue_ only
     const Dispatch::DispatchQueue queue_;

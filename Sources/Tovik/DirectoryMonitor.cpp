@@ -1,6 +1,7 @@
 #include "Tovik/DirectoryMonitor.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -55,6 +56,13 @@ bool DirectoryMonitor::isMonitoring() const {
 int DirectoryMonitor::fd() const {
     std::lock_guard guard(lock_);
     return fd_;
+}
+
+std::optional<DirectoryMonitor::Node> DirectoryMonitor::watchedNode() const {
+    std::lock_guard guard(lock_);
+    struct stat status {};
+    if (fd_ == -1 || ::fstat(fd_, &status) != 0) return std::nullopt;
+    return Node{status.st_dev, status.st_ino};
 }
 
 bool DirectoryMonitor::startMonitoring() {

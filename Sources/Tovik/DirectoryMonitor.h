@@ -4,9 +4,10 @@
 // moved). It does not say what changed: the delegate looks for itself.
 //
 // Threads: startMonitoring(), stopMonitoring(), restartMonitoring(),
-// isMonitoring() and fd() may be called from any thread; one lock serialises
-// them with the source's cancel handler. Events and cancellations of every
-// monitor are handled on one process-wide concurrent queue, "DirectoryMonitor".
+// isMonitoring(), fd() and watchedNode() may be called from any thread; one
+// lock serialises them with the source's cancel handler. Events and
+// cancellations of every monitor are handled on one process-wide concurrent
+// queue, "DirectoryMonitor".
 //
 // Lifetime: always owned by a std::shared_ptr (see create()). While its
 // source runs, the monitor keeps itself alive, whoever else lets go; after
@@ -14,6 +15,8 @@
 // have let go. Events already queued when the monitor stops or restarts are
 // dropped: each delivery is checked against the descriptor it was armed on.
 #pragma once
+
+#include <sys/types.h>
 
 #include <atomic>
 #include <memory>
@@ -61,6 +64,16 @@ public:
 
     /// The descriptor the running source is armed on; -1 when stopped.
     int fd() const;
+
+    /// Which file-system node a path or descriptor refers to.
+    struct Node {
+        dev_t device = 0;
+        ino_t inode = 0;
+        friend bool operator==(const Node&, const Node&) = default;
+    };
+    /// The node the running source is armed on (which may since have been
+    /// moved or deleted); nothing when stopped or when it cannot be examined.
+    std::optional<Node> watchedNode() const;
 
 private:
     void handleEvent(int capturedFd);

@@ -1,8 +1,13 @@
 #include "vpn_helper/AppBundleObserver.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
-#include <thread>
+#include <cstdio>
+#include <functional>
+#include <utility>
+#include <vector>
 
 #include "Dispatch/DispatchSemaphore.h"
 #include "Support/LogCapture.h"
@@ -13,17 +18,24 @@ namespace {
 namespace fs = std::filesystem;
 using TestSupport::descriptorsOn;
 using TestSupport::waitUntil;
+using Tovik::DirectoryMonitor;
 using VpnHelper::AppBundleObserver;
 
 const std::string kExists = "W: (AppBundleObserver) App path is exist";
 const std::string kNoMonitor = "I: (AppBundleObserver) Directory monitor is nil. Monitoring was stopped.";
 
+std::optional<DirectoryMonitor::Node> nodeAt(const fs::path& path) {
+    struct stat info {};
+    if (::stat(path.c_str(), &info) != 0) return std::nullopt;
+    return DirectoryMonitor::Node{info.st_dev, info.st_ino};
+}
+
 class AppBundleObserverTest : public ::testing::Test {
 protected:
-    void makeBundle() {
-        fs::create_directories(bundle / "Contents" / "MacOS");
-        TestSupport::writeFile(bundle / "Contents" / "MacOS" / "Velmora VPN", "binary");
-        TestSupport::writeFile(bundle / "Contents" / "Info.plist",
+    void makeBundle(const fs::path& at) {
+        fs::create_directories(at / "Contents" / "MacOS");
+        TestSupport::writeFile(at / "Contents" / "MacOS" / "Velmora VPN", "binary");
+        TestSupport::writeFile(at / "Contents" / "Info.plist",
                                "<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key>"
                                "<string>com.velmora.mac.vpn</string></dict></plist>");
     }
@@ -44,9 +56,16 @@ protected:
         held.wait();
         return release;
     }
-    // Lets the events still on their way arrive and be handled.
-    void settle() {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    // The observer's current monitor, read on its queue.
+    std::shared_ptr<DirectoryMonitor> monitor() const {
+        std::shared_ptr<DirectoryMonitor> current;
+        observer->queue().sync([&] { current = observer->directoryMonitor(); });
+        return current;
+    }
+    // Waits until a stopped monitor is freed (from then on it reports nothing)
+    // and the observer has handled every report it made.
+    void drain(const std::weak_ptr<DirectoryMonitor>& stopped) const {
+        EXPECT_TRUE(waitUntil([&] { return stopped.expired(); }));
         observer->queue().sync([] {});
     }
 
@@ -54,7 +73,7 @@ protected:
     TestSupport::TemporaryDirectory temp{"observer"};
     fs::path bundle = temp / "Applications" / "Velmora VPN.app";
     // The observer looks the bundle up once, when it is created.
-    bool bundleMade = (makeBundle(), true);
+    bool bundleMade = (makeBundle(bundle), true);
     Workspace::Workspace workspace{{temp / "Applications"}};
     std::shared_ptr<AppBundleObserver> observer = AppBundleObserver::create("com.velmora.mac.vpn", workspace);
     std::atomic<int> calls{0};
@@ -62,12 +81,13 @@ protected:
 
 TEST_F(AppBundleObserverTest, DeletingTheBundleFiresOnceOnTheQueue) {
     start(calls);
+    std::weak_ptr<DirectoryMonitor> watching = monitor();
     fs::remove_all(bundle);
     ASSERT_TRUE(waitUntil([&] { return calls == 1; }));
+    drain(watching);
     // A later event finds no monitor and fires nothing.
-    settle();
     const long gone = count(kNoMonitor);
-    observer->directoryMonitorDidObserveChange(Tovik::DirectoryMonitor::create(bundle.string()));
+    observer->directoryMonitorDidObserveChange(DirectoryMonitor::create(bundle.string()));
     observer->queue().sync([] {});
     EXPECT_EQ(count(kNoMonitor), gone + 1);
     EXPECT_EQ(calls, 1);
@@ -82,18 +102,44 @@ TEST_F(AppBundleObserverTest, StartingAgainReplacesMonitorAndCompletionAndMoving
     fs::rename(bundle, temp / ".Trash" / "Velmora VPN.app");
     ASSERT_TRUE(waitUntil([&] { return calls == 1; }));
     EXPECT_EQ(firstCalls, 0);
-    EXPECT_EQ(descriptorsOn(temp / ".Trash" / "Velmora VPN.app"), 0) << "the fired observer still watches";
+    EXPECT_TRUE(waitUntil([&] { return descriptorsOn(temp / ".Trash" / "Velmora VPN.app") == 0; }))
+        << "the fired observer still watches";
 }
 
-TEST_F(AppBundleObserverTest, ReplacingTheBundleInPlaceDoesNotFire) {
+// Updaters put a freshly staged bundle folder where the old one was: by moving
+// the old one aside, by deleting it first or by exchanging the two. Each update
+// runs while the queue is held, so the check sees its end, never the gap
+// between its steps.
+TEST_F(AppBundleObserverTest, UpdatesThatReplaceTheBundleFolderKeepItWatched) {
+    const fs::path staged = temp / "staged.app", aside = temp / "old.app";
+    const std::vector<std::pair<std::string, std::function<void()>>> updates = {
+        {"move aside", [&] { fs::rename(bundle, aside); fs::rename(staged, bundle); fs::remove_all(aside); }},
+        {"delete, then move", [&] { fs::remove_all(bundle); fs::rename(staged, bundle); }},
+        {"exchange", [&] {
+             EXPECT_EQ(::renameat2(AT_FDCWD, staged.c_str(), AT_FDCWD, bundle.c_str(), RENAME_EXCHANGE), 0);
+             fs::remove_all(staged);
+         }},
+    };
     start(calls);
-    auto release = hold(observer->queue());
+    for (int round = 1; round <= 2; ++round) {
+        for (const auto& [name, update] : updates) {
+            makeBundle(staged);
+            auto release = hold(observer->queue());
+            update();
+            release.signal();
+            ASSERT_TRUE(waitUntil([&] {
+                auto current = monitor();
+                return current && current->watchedNode() == nodeAt(bundle);
+            })) << "still watching the replaced folder after " << name << ", round " << round;
+        }
+    }
+    EXPECT_GE(count(kExists), 6);
+
+    std::weak_ptr<DirectoryMonitor> watching = monitor();
     fs::remove_all(bundle);
-    makeBundle();
-    release.signal();
-    ASSERT_TRUE(waitUntil([&] { return count(kExists) >= 1; }));
-    settle();
-    EXPECT_EQ(calls, 0);
+    ASSERT_TRUE(waitUntil([&] { return calls == 1; })) << "the deletion went unnoticed";
+    drain(watching);
+    EXPECT_EQ(calls, 1);
 }
 
 TEST_F(AppBundleObserverTest, ReleasedObserverNeitherStartsNorKeepsWatching) {
