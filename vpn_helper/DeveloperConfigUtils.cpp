@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <exception>
 #include <mutex>
 #include <string>
 #include <system_error>
@@ -20,6 +22,50 @@ namespace {
 constexpr mode_t kForbiddenBits = 0033;
 
 std::string errorText(int error) { return std::generic_category().message(error); }
+
+const std::string kTooLarge =
+    "devConfig.json is larger than " + std::to_string(DeveloperConfigUtils::maxFileSize) + " bytes";
+
+// A parse that builds nothing: it follows how deep arrays and objects nest
+// and stops at the first one past the limit, or at the first syntax error.
+// The parser itself keeps its state on the heap, so this never recurses.
+class NestingCheck {
+public:
+    using json = nlohmann::json;
+
+    bool null() { return true; }
+    bool boolean(bool) { return true; }
+    bool number_integer(json::number_integer_t) { return true; }
+    bool number_unsigned(json::number_unsigned_t) { return true; }
+    bool number_float(json::number_float_t, const json::string_t&) { return true; }
+    bool string(json::string_t&) { return true; }
+    bool binary(json::binary_t&) { return true; }
+    bool key(json::string_t&) { return true; }
+    bool start_object(std::size_t) { return enter(); }
+    bool start_array(std::size_t) { return enter(); }
+    bool end_object() { return leave(); }
+    bool end_array() { return leave(); }
+    bool parse_error(std::size_t, const std::string&, const json::exception& error) {
+        error_ = error.what();
+        return false;
+    }
+
+    const std::string& error() const { return error_; }
+
+private:
+    bool enter() {
+        if (++depth_ <= DeveloperConfigUtils::maxNestingDepth) return true;
+        error_ = "nesting deeper than " + std::to_string(DeveloperConfigUtils::maxNestingDepth) + " levels";
+        return false;
+    }
+    bool leave() {
+        --depth_;
+        return true;
+    }
+
+    size_t depth_ = 0;
+    std::string error_;
+};
 
 }  // namespace
 
@@ -140,37 +186,68 @@ bool DeveloperConfigUtils::checkFileLocked() {
     return true;
 }
 
+std::optional<nlohmann::json> DeveloperConfigUtils::parseText(std::string_view text, std::string& error) {
+    try {
+        if (text.size() > maxFileSize) {
+            error = kTooLarge;
+            return std::nullopt;
+        }
+        if (size_t nul = text.find('\0'); nul != std::string_view::npos) {
+            error = "unexpected NUL byte at offset " + std::to_string(nul);
+            return std::nullopt;
+        }
+        NestingCheck check;
+        if (!nlohmann::json::sax_parse(text.data(), text.data() + text.size(), &check)) {
+            error = check.error();
+            return std::nullopt;
+        }
+        return nlohmann::json::parse(text.data(), text.data() + text.size());
+    } catch (const std::exception& failure) {
+        error = failure.what();
+        return std::nullopt;
+    }
+}
+
 std::optional<DeveloperConfigUtils::Configuration> DeveloperConfigUtils::parseLocked() {
     if (!checkedFile_ && !checkFileLocked()) return std::nullopt;
     Kernel::FileDescriptor file = std::move(checkedFile_);
+    const auto fail = [](const std::string& reason) -> std::optional<Configuration> {
+        TLOG_ERROR("parse()", "Can't convert dev config json with error: " + reason);
+        return std::nullopt;
+    };
 
-    std::string text;
-    char buffer[16 * 1024];
-    for (off_t offset = 0;;) {
-        ssize_t count = ::pread(file.get(), buffer, sizeof buffer, offset);
-        if (count < 0) {
-            if (errno == EINTR) continue;
-            int error = errno;
-            TLOG_ERROR("parse()", "Can't convert dev config json with error: " + errorText(error));
+    try {
+        struct stat attributes {};
+        if (::fstat(file.get(), &attributes) != 0) return fail(errorText(errno));
+        if (attributes.st_size > static_cast<off_t>(maxFileSize)) return fail(kTooLarge);
+
+        // The file can grow after fstat(): read one byte past the limit at most.
+        std::string text;
+        text.reserve(static_cast<size_t>(attributes.st_size));
+        char buffer[16 * 1024];
+        for (off_t offset = 0; text.size() <= maxFileSize;) {
+            size_t wanted = std::min(sizeof buffer, maxFileSize + 1 - text.size());
+            ssize_t count = ::pread(file.get(), buffer, wanted, offset);
+            if (count < 0) {
+                if (errno == EINTR) continue;
+                return fail(errorText(errno));
+            }
+            if (count == 0) break;
+            text.append(buffer, static_cast<size_t>(count));
+            offset += count;
+        }
+
+        std::string error;
+        std::optional<nlohmann::json> json = parseText(text, error);
+        if (!json) return fail(error);
+        if (!json->is_object()) {
+            TLOG_ERROR("parse()", "Valid JSON, but invalid dev config JSON");
             return std::nullopt;
         }
-        if (count == 0) break;
-        text.append(buffer, static_cast<size_t>(count));
-        offset += count;
+        return std::move(json->get_ref<Configuration&>());
+    } catch (const std::exception& failure) {
+        return fail(failure.what());
     }
-
-    nlohmann::json json;
-    try {
-        json = nlohmann::json::parse(text);
-    } catch (const nlohmann::json::exception& error) {
-        TLOG_ERROR("parse()", "Can't convert dev config json with error: " + std::string(error.what()));
-        return std::nullopt;
-    }
-    if (!json.is_object()) {
-        TLOG_ERROR("parse()", "Valid JSON, but invalid dev config JSON");
-        return std::nullopt;
-    }
-    return std::move(json.get_ref<Configuration&>());
 }
 
 }  // namespace VpnHelper

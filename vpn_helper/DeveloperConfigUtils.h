@@ -10,11 +10,21 @@
 // without following a final symbolic link, the owner and mode are taken from
 // that descriptor, and the JSON is parsed from the same descriptor, so
 // swapping the path between the check and the read has no effect.
+//
+// The file comes from outside the daemon, so what is read is bounded: at most
+// maxFileSize bytes (larger files are refused unread), no NUL byte anywhere
+// (the JSON parser would take it for the end of the text and ignore what
+// follows), and at most maxNestingDepth arrays and objects nested inside one
+// another, checked before any value is built. A file that breaks a limit is
+// handled like invalid JSON: "Can't convert dev config json with error: "
+// and the reason, then no value for any key.
 #pragma once
 
 #include <array>
 #include <filesystem>
+#include <cstddef>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <utility>
 
@@ -82,6 +92,18 @@ public:
     /// The parsed top-level object: key string to any JSON value.
     using Configuration = nlohmann::json::object_t;
 
+    /// The largest file that is read, in bytes.
+    static constexpr size_t maxFileSize = 1024 * 1024;
+    /// The deepest nesting of arrays and objects that is accepted; the
+    /// top-level object is level 1.
+    static constexpr size_t maxNestingDepth = 64;
+
+    /// Parses text as the file's contents within the limits above: the
+    /// top-level JSON value (of any type), or nothing with error set to the
+    /// reason. Never throws, and recurses no deeper than maxNestingDepth.
+    /// Thread-safe; touches no file.
+    static std::optional<nlohmann::json> parseText(std::string_view text, std::string& error);
+
     /// The concurrent queue "backend.client.queue" that keyed reads run on,
     /// as synchronous blocks. Created on first use.
     static const Dispatch::DispatchQueue& queue();
@@ -112,7 +134,8 @@ public:
     bool checkFile();
 
     /// The top-level object of the file that the last checkFile() passed, or
-    /// nothing (logged at error). Without such a file, runs checkFile() first.
+    /// nothing (logged at error): unreadable, invalid JSON, over a limit, or
+    /// not an object. Without such a file, runs checkFile() first. Never throws.
     std::optional<Configuration> parse();
 
 private:

@@ -95,6 +95,29 @@ TEST_F(DeveloperConfigUtilsTest, ArraysAndInvalidJsonMakeEveryKeyMissingForGood)
     EXPECT_EQ(count(kCheck + "Can't obtain url for dev config file."), 1);
 }
 
+TEST_F(DeveloperConfigUtilsTest, HostileFilesAreRefusedBeforeAnyValueIsBuilt) {
+    const auto nested = [](size_t levels) {
+        return R"({"config_fetch_urls": )" + std::string(levels, '[') + std::string(levels, ']') + "}";
+    };
+    const auto refused = [&](const std::string& text, const std::string& reason) {
+        const std::string line = "E: (DeveloperConfigUtils: parse()) Can't convert dev config json with error: " + reason;
+        long before = count(line);
+        DeveloperConfigUtils fresh(write(text));
+        EXPECT_EQ(fresh[DevConfigKey::configFetchUrls], std::nullopt) << reason;
+        EXPECT_EQ(fresh[DevConfigKey::authTxtDomain], std::nullopt) << reason;
+        EXPECT_EQ(count(line), before + 1);
+    };
+    refused(nested(100'000), "nesting deeper than 64 levels");
+    refused(nested(64), "nesting deeper than 64 levels");
+    std::string padded = R"({"auth_txt_domain": "ok", "pad": ")";
+    padded += std::string(DeveloperConfigUtils::maxFileSize - padded.size() - 1, 'x') + "\"}";
+    refused(padded, "devConfig.json is larger than 1048576 bytes");
+    refused(std::string(R"({"auth_txt_domain": "ok"})") + '\0' + "garbage", "unexpected NUL byte at offset 25");
+
+    DeveloperConfigUtils atTheLimits(write(nested(63)));  // 63 arrays in the top-level object: 64 levels
+    EXPECT_EQ(atTheLimits[DevConfigKey::configFetchUrls], nlohmann::json::parse(nested(63))["config_fetch_urls"]);
+}
+
 // An attacker swaps the path between the good file and a symbolic or hard
 // link to a file of another owner while the daemon loads it again and again.
 TEST_F(DeveloperConfigUtilsTest, PathSwapsNeverLeakAnUncheckedFile) {

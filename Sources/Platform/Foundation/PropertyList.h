@@ -1,10 +1,20 @@
 // One property-list value: a boolean, integer, real, string, data, date,
-// array or dictionary, nested to any depth. Values compare by content, as
-// property-list objects do (an integer never equals a real or a boolean).
+// array or dictionary. Values compare by content, as property-list objects do
+// (an integer never equals a real or a boolean).
+//
+// Parsed property lists come from files anyone may have written (the
+// Info.plist of any bundle, a defaults file), so fromData() first checks the
+// raw bytes against the bounds below, without recursion and in time linear
+// in their size, and refuses data that would take the parser (or the tree it
+// builds) past them, or that is known to make libplist abort (a binary
+// UTF-16 string holding U+0000). A binary list may share one object among
+// many references; the parser copies it for each, so counts are of the tree
+// after that copying.
 #pragma once
 
 #include <chrono>
 #include <concepts>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -49,7 +59,27 @@ public:
 
     friend bool operator==(const PropertyList& a, const PropertyList& b) { return a.storage_ == b.storage_; }
 
-    /// Parses an XML or binary property list; nothing when it is malformed.
+    /// Largest data accepted, in bytes.
+    static constexpr size_t maxDataSize = 8 * 1024 * 1024;
+    /// Deepest nesting of arrays and dictionaries; the outermost is level 1.
+    static constexpr size_t maxNestingDepth = 64;
+    /// Most values in the parsed tree, dictionary keys included.
+    static constexpr size_t maxValueCount = 1'000'000;
+    /// Most bytes of strings and data in the parsed tree.
+    static constexpr size_t maxContentSize = 64 * 1024 * 1024;
+    /// Most entries in one dictionary (libplist adds each XML key in time
+    /// linear in the entries already there).
+    static constexpr size_t maxDictionaryEntries = 100'000;
+
+    /// Why fromData() refuses bytes without parsing them: a short reason
+    /// ("nesting deeper than 64 levels", "reference cycle", ...), or nothing
+    /// when they are within the bounds above (they may still be malformed).
+    /// Never throws; thread-safe.
+    static std::optional<std::string> boundsViolation(std::string_view bytes);
+
+    /// Parses an XML or binary property list; nothing when it is malformed or
+    /// breaks a bound (see boundsViolation()), or when memory runs out. Never
+    /// throws; thread-safe.
     static std::optional<PropertyList> fromData(std::string_view bytes);
     /// The serialised form; empty when the value cannot be serialised.
     std::string data(Format format = Format::xml) const;

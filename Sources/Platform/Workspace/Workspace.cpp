@@ -1,30 +1,24 @@
 #include "Workspace/Workspace.h"
 
 #include <fcntl.h>
-#include <plist/plist.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <memory>
 #include <string>
 #include <system_error>
 #include <utility>
 
+#include "Foundation/PropertyList.h"
 #include "Kernel/FileDescriptor.h"
 
 namespace Workspace {
 
 namespace {
 
-// An Info.plist larger than this is not a real one; it is skipped unread.
-constexpr off_t kMaxInfoPlistSize = 8 * 1024 * 1024;
-
-struct PlistDeleter {
-    void operator()(plist_t plist) const { plist_free(plist); }
-};
-using PlistPtr = std::unique_ptr<void, PlistDeleter>;
+// An Info.plist larger than the property-list reader accepts is skipped unread.
+constexpr off_t kMaxInfoPlistSize = Foundation::PropertyList::maxDataSize;
 
 std::optional<std::string> readSmallFile(const std::filesystem::path& path) {
     // O_NONBLOCK: a FIFO planted in place of the file must not hang the lookup.
@@ -108,19 +102,16 @@ std::optional<std::filesystem::path> Workspace::urlForApplication(std::string_vi
 
 std::optional<std::string> Workspace::bundleIdentifier(const std::filesystem::path& bundlePath) {
     auto data = readSmallFile(bundlePath / "Contents" / "Info.plist");
-    if (!data || data->empty()) return std::nullopt;
-
-    plist_t raw = nullptr;
-    plist_from_memory(data->data(), static_cast<uint32_t>(data->size()), &raw);
-    PlistPtr root(raw);
-    if (!root || plist_get_node_type(root.get()) != PLIST_DICT) return std::nullopt;
-
-    plist_t value = plist_dict_get_item(root.get(), "CFBundleIdentifier");
-    if (!value || plist_get_node_type(value) != PLIST_STRING) return std::nullopt;
-    uint64_t length = 0;
-    const char* text = plist_get_string_ptr(value, &length);
-    if (!text) return std::nullopt;
-    return std::string(text, static_cast<size_t>(length));
+    if (!data) return std::nullopt;
+    // The one bounded reader: an Info.plist that breaks its bounds reads as malformed.
+    auto plist = Foundation::PropertyList::fromData(*data);
+    const auto* root = plist ? plist->get<Foundation::PropertyList::Dictionary>() : nullptr;
+    if (!root) return std::nullopt;
+    auto entry = root->find("CFBundleIdentifier");
+    if (entry == root->end()) return std::nullopt;
+    const auto* identifier = entry->second.get<std::string>();
+    if (!identifier) return std::nullopt;
+    return *identifier;
 }
 
 }  // namespace Workspace

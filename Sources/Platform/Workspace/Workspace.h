@@ -31,11 +31,14 @@ public:
     /// The bundle folder of the first application, in root order and then in
     /// name order within a root, whose identifier equals bundleIdentifier
     /// exactly; nothing when none does. Missing roots, unreadable folders and
-    /// unreadable or malformed Info.plist files are skipped. Thread-safe.
+    /// unreadable or malformed Info.plist files are skipped, and so are those
+    /// that Foundation::PropertyList::fromData() refuses for breaking its
+    /// bounds (size, nesting, ...). Thread-safe.
     std::optional<std::filesystem::path> urlForApplication(std::string_view bundleIdentifier) const;
 
     /// The CFBundleIdentifier of the bundle at bundlePath, or nothing when its
-    /// Info.plist is missing, unreadable, malformed or has no string value.
+    /// Info.plist is missing, unreadable, malformed, out of bounds or has no
+    /// string value. Never throws.
     static std::optional<std::string> bundleIdentifier(const std::filesystem::path& bundlePath);
 
 private:

@@ -67,4 +67,32 @@ TEST_F(WorkspaceTest, SkipsBrokenBundlesAndMissingRoots) {
     EXPECT_EQ(Workspace::Workspace({temp / "absent", home}).urlForApplication("com.example.app"), good);
 }
 
+// Each parses into a tree far deeper than a stack can hold; parsing one would
+// take the lookup (and the daemon, at start) down.
+TEST_F(WorkspaceTest, InfoPlistsBeyondTheReadersBoundsAreSkipped) {
+    const auto bigEndian = [](std::string& out, uint64_t value, int width) {
+        for (int i = width - 1; i >= 0; --i) out.push_back(static_cast<char>(value >> (8 * i)));
+    };
+    constexpr size_t count = 100'000;  // arrays, each holding the next: about 900 KB
+    std::string binary = "bplist00", offsets;
+    for (size_t i = 0; i < count; ++i) {
+        bigEndian(offsets, binary.size(), 4);
+        binary.push_back(i + 1 < count ? '\xA1' : '\xA0');
+        if (i + 1 < count) bigEndian(binary, i + 1, 4);
+    }
+    size_t tableOffset = binary.size();
+    binary += offsets + std::string(6, '\0') + "\x04\x04";
+    bigEndian(binary, count, 8);
+    bigEndian(binary, 0, 8);
+    bigEndian(binary, tableOffset, 8);
+    bundle(apps, "0-binary.app", binary);
+
+    std::string xml = "<plist version=\"1.0\">";
+    for (size_t i = 0; i < 1'000'000; ++i) xml += "<array>";
+    bundle(apps, "0-xml.app", xml);
+
+    fs::path ours = bundle(apps, "Ours.app", xmlPlist("com.example.app"));
+    EXPECT_EQ(workspace.urlForApplication("com.example.app"), ours);
+}
+
 }  // namespace
