@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/fs.h>
+#include <stdlib.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -121,15 +122,18 @@ int cloneFile(const std::string& source, const std::string& destination) {
             errno = EINVAL;
             return -1;
         }
-        if (::unlink(destination.c_str()) != 0) return -1;
     } else if (errno != ENOENT) {
         return -1;
     }
 
-    const mode_t mode = status.st_mode & 07777;
-    Kernel::FileDescriptor output(::open(destination.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode | S_IWUSR));
+    // The copy is made under a temporary name beside the destination and
+    // takes its name only once complete.
+    std::string temporary = destination + ".XXXXXX";
+    temporary.insert(destination.rfind('/') + 1, 1, '.');  // after the last "/", or at 0
+    Kernel::FileDescriptor output(::mkostemp(temporary.data(), O_CLOEXEC));
     if (output.get() < 0) return -1;
 
+    const mode_t mode = status.st_mode & 07777;
     bool copied = ::ioctl(output.get(), FICLONE, input.get()) == 0;
     if (!copied && isUnsupported(errno)) copied = copyData(input.get(), output.get(), status.st_size);
     if (copied) {
@@ -138,11 +142,12 @@ int cloneFile(const std::string& source, const std::string& destination) {
         }
         copyExtendedAttributes(input.get(), output.get());
         const struct timespec times[2] = {status.st_atim, status.st_mtim};
-        copied = ::fchmod(output.get(), mode) == 0 && ::futimens(output.get(), times) == 0;
+        copied = ::fchmod(output.get(), mode) == 0 && ::futimens(output.get(), times) == 0 &&
+                 ::rename(temporary.c_str(), destination.c_str()) == 0;
     }
     if (!copied) {
-        int error = errno;
-        ::unlink(destination.c_str());
+        const int error = errno;
+        ::unlink(temporary.c_str());
         errno = error;
         return -1;
     }

@@ -247,8 +247,25 @@ private:
     int fd_;
 };
 
+// Appends a record whole or not at all. The caller holds the file lock and
+// the descriptor appends, so the bytes of a record cut short (by a full disk)
+// are the last ones of the file and are cut off again. A success costs the
+// one write.
 void writeRecord(int fd, std::string_view bytes) {
-    while (::write(fd, bytes.data(), bytes.size()) < 0 && errno == EINTR) {
+    size_t written = 0;
+    while (written < bytes.size()) {
+        const ssize_t result = ::write(fd, bytes.data() + written, bytes.size() - written);
+        if (result > 0) {
+            written += static_cast<size_t>(result);
+        } else if (result == 0 || errno != EINTR) {
+            break;
+        }
+    }
+    if (written == 0 || written == bytes.size()) return;
+    struct stat status {};
+    if (::fstat(fd, &status) == 0 && status.st_size >= static_cast<off_t>(written) &&
+        ::ftruncate(fd, status.st_size - static_cast<off_t>(written)) != 0) {
+        // Nothing else undoes it: the next record follows the cut one.
     }
 }
 

@@ -8,12 +8,17 @@
 //
 // Each record is one write(2), made while holding `lock` and then an exclusive
 // flock on the file, with no buffering: records of threads and processes never
-// interleave, and a crash loses at most the record being written.
+// interleave, and a crash loses at most the record being written. A record
+// reaches the file whole or not at all: one the disk takes only in part is cut
+// off again, and the next one starts where it began.
 //
 // Rotation: 5 s after creation, then 300 s after each check, a check on the
 // serial queue "FileLogHandler Queue" copies a file of 50 MiB, or of 2 MiB
 // last modified 48 hours ago, to the generation-1 name (one older generation,
-// overwritten by every rotation) and truncates the active file to 0.
+// replaced by every rotation) and truncates the active file to 0. The older
+// generation is replaced only by a complete copy: a rotation that fails (a full
+// disk) is reported and leaves both files as they were, and the next check
+// tries again.
 //
 // Removal: when the active file is deleted or renamed, a new one is opened at
 // the same path; its first record is "Reopened the log file on removal".
@@ -63,7 +68,7 @@ public:
 
     /// Writes one record on the caller's thread; any thread, concurrently.
     /// The level is unused (the text carries its letter); an empty text
-    /// writes nothing. Write failures are ignored.
+    /// writes nothing. A record the file cannot take whole is dropped.
     void log(LogLevel level, Date date, std::string_view text) noexcept override;
     /// The same with the prefix choice given per call.
     void log(LogLevel level, Date date, bool addPrefix, std::string_view text) noexcept;
@@ -95,9 +100,10 @@ public:
     /// Generation n >= 1 of a log file: the path without its extension, ".",
     /// n, ".", the extension ("a/x.log" -> "a/x.1.log"); n < 1 gives the path.
     static std::string rotatedFilePath(const std::string& path, int generation);
-    /// Replaces `destination` with a copy of `source`, cloned where the file
-    /// system allows it, with mode, times and extended attributes. Throws
-    /// std::system_error labelled "clonefile(_:to:), copyfile (<source>, <destination>)".
+    /// Replaces `destination` with a complete copy of `source`, cloned where
+    /// the file system allows it, with mode, times and extended attributes.
+    /// Throws std::system_error labelled "clonefile(_:to:), copyfile (<source>,
+    /// <destination>)" and then leaves `destination` as it was.
     static void clonefile(const std::string& source, const std::string& destination);
     /// The system's message for an error number, then ": " and the number
     /// when the system defines it ("Permission denied: 13").

@@ -1,14 +1,21 @@
 #include "Tovik/Logger/Handlers/FileLogHandler.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <set>
+#include <vector>
 
+#include "Kernel/FileDescriptor.h"
 #include "Platform/OSLog/JournalCapture.h"
+#include "Support/MountNamespace.h"
 #include "Support/TestSupport.h"
 
 namespace Tovik {
@@ -41,6 +48,27 @@ std::string recordText(const std::string& path, size_t n = 0, int64_t offset = 0
     const size_t text = contents.find("[S] ", start);
     const size_t end = contents.find('\n', text);
     return end == std::string::npos ? "" : contents.substr(text + 4, end - text - 4);
+}
+
+// The texts after "[S] " of the records in a file, cut to 100 bytes, and
+// "torn" for a piece that is not one whole record of one line.
+std::vector<std::string> recordTexts(const std::string& path) {
+    const std::string contents = readFile(path);
+    std::vector<std::string> texts;
+    for (size_t start = 0, end; start < contents.size(); start = end) {
+        end = std::min(contents.find(FileLogHandler::RECORD_SEPARATOR, start + 1), contents.size());
+        const std::string_view record(contents.data() + start, end - start);
+        const size_t text = record.find("[S] ");
+        const bool whole = record.front() == FileLogHandler::RECORD_SEPARATOR && text != std::string_view::npos &&
+                           record.find('\n') == record.size() - 1;
+        texts.emplace_back(whole ? record.substr(text + 4, std::min<size_t>(record.size() - text - 5, 100)) : "torn");
+    }
+    return texts;
+}
+
+// A text whose record, as this thread writes it for subsystem S, is `size` bytes long.
+std::string textOfRecordSize(size_t size, char letter) {
+    return "I: (X) " + std::string(size - FileLogHandler::msgPrefix("S", Clock::now()).size() - 8, letter);
 }
 
 class FileLogHandlerTest : public ::testing::Test {
@@ -135,6 +163,66 @@ TEST_F(FileLogHandlerTest, RotationReplacesGenerationOneAndStartsTheFileAnew) {
     // The copy replaces the old generation (never writes through it) and keeps the mode.
     EXPECT_EQ(readFile(link), "previous generation\n");
     EXPECT_EQ(fs::status(rotated_).permissions(), fs::perms(0640));
+}
+
+// On a full disk (a tmpfs of 16 pages, in a mount namespace of the test's own)
+// a record reaches the file whole or not at all, the handler's own reports
+// too, and a rotation that cannot copy keeps both files; once space returns,
+// records and rotation go on.
+TEST_F(FileLogHandlerTest, FullDiskKeepsRecordsWholeAndGenerationOneIntact) {
+    TestSupport::TemporaryDirectory sandbox("sandbox");
+    if (!TestSupport::insideSandbox(sandbox.path())) return;
+    const size_t page = size_t(::sysconf(_SC_PAGESIZE));
+    ASSERT_EQ(::mount("filelog", folder_.path().c_str(), "tmpfs", 0, ("size=" + std::to_string(16 * page)).c_str()),
+              0) << std::strerror(errno);
+    struct Unmount {
+        const char* path;
+        ~Unmount() { ::umount2(path, MNT_DETACH); }
+    } unmount{folder_.path().c_str()};
+    TestSupport::JournalCapture journal;
+    TestSupport::writeFile(rotated_, "previous generation\n");
+    FileLogHandler writer("S", path_, true, noChecks);
+    // Two pages but 20 bytes: more than the old generation frees.
+    const std::string first = textOfRecordSize(2 * page - 20, 'a');
+    writer.log(LogLevel::info, Clock::now(), first);
+    ASSERT_EQ(fs::file_size(path_), 2 * page - 20);
+
+    Kernel::FileDescriptor filler(::open((folder_ / "filler").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+    const std::string block(page, 'f');
+    while (::write(filler.get(), block.data(), block.size()) > 0) {
+    }
+    ASSERT_EQ(errno, ENOSPC);
+    // Only 20 bytes of a record fit, here and in the rotation's reports.
+    writer.log(LogLevel::info, Clock::now(), textOfRecordSize(100, 'b'));
+    writer.log(LogLevel::info, Clock::now(), textOfRecordSize(100, 'c'));
+    {
+        FileLogHandler rotator("S", path_, true, {.firstCheckDelay = 0, .maxSize = 10});
+        std::string message;
+        while (!message.starts_with("Failed") && !::testing::Test::HasFailure()) message = journal.next()["MESSAGE"];
+        EXPECT_EQ(message, "Failed to rotate file " + path_ + ": clonefile(_:to:), copyfile (" + path_ + ", " +
+                               rotated_ + "): No space left on device");
+    }
+    EXPECT_EQ(fs::file_size(path_), 2 * page - 20);
+    EXPECT_EQ(readFile(rotated_), "previous generation\n");
+    std::set<std::string> names;
+    for (const auto& entry : fs::directory_iterator(folder_.path())) names.insert(entry.path().filename());
+    EXPECT_EQ(names, (std::set<std::string>{"Velmora VPN-shared.log", "Velmora VPN-shared.1.log", "filler"}));
+
+    filler.reset();
+    fs::remove(folder_ / "filler");
+    writer.log(LogLevel::info, Clock::now(), "I: (X) after");
+    const auto size = fs::file_size(path_);
+    {
+        FileLogHandler rotator("S", path_, true, {.firstCheckDelay = 0, .maxSize = 10});
+        ASSERT_TRUE(waitUntil([&] { return recordText(path_) == "I: (FileLogHandler) Log file has been rotated"; }));
+    }
+    writer.log(LogLevel::info, Clock::now(), "I: (X) next");
+    EXPECT_EQ(recordTexts(rotated_),
+              (std::vector<std::string>{first.substr(0, 100), "I: (X) after",
+                                        "I: (FileLogHandler) Log file size is " + std::to_string(size) +
+                                            " bytes, which is more than 10. It needs to be rotated."}));
+    EXPECT_EQ(recordTexts(path_),
+              (std::vector<std::string>{"I: (FileLogHandler) Log file has been rotated", "I: (X) next"}));
 }
 
 TEST_F(FileLogHandlerTest, ReopensAfterDeleteAndAfterRename) {
