@@ -4,9 +4,11 @@
 // uninstall to the backend, boots its own service out of launchd and deletes
 // its LaunchDaemon plist and the shared data folder. It takes no arguments
 // and runs until launchd stops it.
+#include <cerrno>
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <system_error>
 
 #include "Dispatch/DispatchQueue.h"
 #include "Tovik/Logger/Logger.h"
@@ -27,6 +29,13 @@ constexpr const char* kLaunchctl = "/bin/launchctl";
 
 // Held for the whole run: the observer must outlive every event it handles.
 std::shared_ptr<VpnHelper::AppBundleObserver> observer;
+
+void removeItem(const std::string& path) {
+    if (VpnHelper::secureRemoveItem(path)) return;
+    const int error = errno;
+    TLOG_ERROR("runUninstallSequence(appPath:sharedFolder:)",
+               "Failed to delete " + path + ": " + std::generic_category().message(error));
+}
 
 // Runs on the observer's queue once the bundle is gone. Every step runs even
 // when an earlier one failed; the bootout ends the process, not this function.
@@ -56,12 +65,13 @@ void runUninstallSequence(const std::string& appPath, const std::string& sharedF
     TLOG_INFO("runUninstallSequence(appPath:sharedFolder:)",
               std::string("Vpn helper service ") + kServiceTarget + " has been stopped");
 
-    // Failures of either deletion are ignored; the messages are logged anyway.
-    (void)VpnHelper::secureRemoveItem(kPlistPath);
+    // A failed deletion is reported; the sequence goes on and its own
+    // messages are logged anyway.
+    removeItem(kPlistPath);
     TLOG_INFO("runUninstallSequence(appPath:sharedFolder:)",
               std::string("Vpn helper service plist ") + kPlistPath + " has been deleted");
 
-    (void)VpnHelper::secureRemoveItem(sharedFolder);
+    removeItem(sharedFolder);
     TLOG_INFO("runUninstallSequence(appPath:sharedFolder:)", "App tools were deleted");
 }
 

@@ -1,6 +1,7 @@
 // The real daemon binary, run as root in scripts/sandbox.sh: its /Library,
 // /Applications, /root and /bin/launchctl are folders of a temporary sandbox.
-// The backend is a loopback server.
+// The backend is a loopback server; where a test needs the unified log, its
+// journal socket is a capture of the test's.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -14,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "Platform/OSLog/JournalCapture.h"
 #include "Support/LoopbackHttpServer.h"
 #include "Support/TestSupport.h"
 
@@ -28,6 +30,17 @@ namespace {
 const std::string kInfoPlist = "<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key>"
                                "<string>com.velmora.mac.vpn</string></dict></plist>";
 const std::string kBootout = "/bin/launchctl bootout system/com.velmora.mac.vpn.vpn_helper\n";
+
+// How the daemon runs in its sandbox.
+struct DaemonRun {
+    // No interface at all, so a report aimed at the built-in vendor host
+    // cannot leave the machine.
+    bool isolatedNetwork = false;
+    // Bind mounts inside the sandbox, "<target>=<host path>" as SANDBOX_BINDS takes them.
+    std::vector<std::string> binds = {};
+    // NAME=value settings for the daemon's process alone.
+    std::vector<std::string> daemonEnvironment = {};
+};
 
 class DaemonEndToEndTest : public ::testing::Test {
 protected:
@@ -56,18 +69,23 @@ protected:
         ASSERT_EQ(chmod((shared / "devConfig.json").c_str(), mode), 0);
     }
 
-    // isolatedNetwork: no interface at all, so a report aimed at the built-in
-    // vendor host cannot leave the machine.
-    void startDaemon(bool isolatedNetwork = false) {
-        std::string script = std::string(TOVIK_SOURCE_DIR) + "/scripts/sandbox.sh";
-        std::string record = "LAUNCHCTL_RECORD=" + launchctlRecord.string();
-        std::string network = std::string("SANDBOX_NETWORK=") + (isolatedNetwork ? "none" : "shared");
+    void startDaemon(const DaemonRun& run = {}) {
+        std::vector<std::string> environment = {
+            "LAUNCHCTL_RECORD=" + launchctlRecord.string(),
+            std::string("SANDBOX_NETWORK=") + (run.isolatedNetwork ? "none" : "shared"), "SANDBOX_BINDS="};
+        for (const auto& bind : run.binds) environment.back() += bind + "\n";
+        std::vector<std::string> words = {"bash", std::string(TOVIK_SOURCE_DIR) + "/scripts/sandbox.sh", sandbox};
+        if (!run.daemonEnvironment.empty()) words.push_back("/usr/bin/env");
+        words.insert(words.end(), run.daemonEnvironment.begin(), run.daemonEnvironment.end());
+        words.push_back(VPN_HELPER_BINARY);
+        std::vector<char*> arguments;
+        for (auto& word : words) arguments.push_back(word.data());
+        arguments.push_back(nullptr);
         pid_ = fork();
         ASSERT_GE(pid_, 0);
         if (pid_ == 0) {
-            putenv(record.data());
-            putenv(network.data());
-            execl("/bin/bash", "bash", script.c_str(), sandbox.c_str(), VPN_HELPER_BINARY, (char*)nullptr);
+            for (auto& setting : environment) putenv(setting.data());
+            execv("/bin/bash", arguments.data());
             _exit(127);
         }
     }
@@ -88,8 +106,8 @@ protected:
 
     // Starts the daemon, waits until it watches the bundle, deletes the bundle
     // and waits for the daemon to end and finish its clean-up.
-    void uninstall(bool isolatedNetwork = false) {
-        startDaemon(isolatedNetwork);
+    void uninstall(const DaemonRun& run = {}) {
+        startDaemon(run);
         ASSERT_TRUE(waitForLog("with result: true")) << log();
         fs::remove_all(bundle);
         ASSERT_TRUE(waitForExit().has_value()) << log();
@@ -110,7 +128,9 @@ protected:
 TEST_F(DaemonEndToEndTest, UninstallReportsBootsOutAndDeletes) {
     LoopbackHttpServer server(200);
     writeDevConfig(server.url());
-    uninstall();
+    // No network interface to be seen: the product identity falls back to the serial number.
+    fs::create_directories(sandbox / "no-interfaces");
+    uninstall({.binds = {"/sys/class/net=" + (sandbox / "no-interfaces").string()}});
 
     const std::string bundlePath = "/Applications/Velmora VPN.app";
     const std::string text = log();
@@ -122,6 +142,9 @@ TEST_F(DaemonEndToEndTest, UninstallReportsBootsOutAndDeletes) {
              "] I: (AppBundleObserver) Start removal observer for path: " + bundlePath +
                  " and bundle: com.velmora.mac.vpn with result: true",
              "] I: (main) App bundle path " + bundlePath + " has been deleted (observer)",
+             // The backend client is built from its configuration, then the app details.
+             "] D: (DeveloperConfigUtils: subscript(_:)) Reloading devConfig.json",
+             "] W: (ProductInfo) Failed to get mac address - using serial number",
              "] I: (main) App uninstall request was successfully sent",
              "] I: (Process) Running /bin/launchctl bootout system/com.velmora.mac.vpn.vpn_helper \n",
              "] I: (main) Vpn helper service system/com.velmora.mac.vpn.vpn_helper has been stopped",
@@ -175,7 +198,7 @@ TEST_F(DaemonEndToEndTest, ExitsWithStatusOneWithoutSharedFolder) {
 TEST_F(DaemonEndToEndTest, DevConfigWithWrongPermissionsIsIgnored) {
     LoopbackHttpServer server(200);
     writeDevConfig(server.url(), 0666);
-    uninstall(/*isolatedNetwork=*/true);
+    uninstall({.isolatedNetwork = true});
     EXPECT_TRUE(logged("Dev config file must have permissions readonly for other."));
     // Without the override the report goes to the built-in host, which the
     // isolated network cannot reach: the loopback server hears nothing.
@@ -196,5 +219,74 @@ TEST_F(DaemonEndToEndTest, BundleReplacedInPlaceIsNoUninstall) {
     EXPECT_FALSE(fs::exists(launchctlRecord));
     EXPECT_TRUE(fs::exists(shared));
 }
+
+// The whole uninstall on a failing disk: every file write fails (the log file
+// takes nothing), or every removal does. The daemon must not crash or hang,
+// every step that can run runs, and its reports still reach the unified log.
+class DaemonOnFailingDiskTest : public DaemonEndToEndTest, public ::testing::WithParamInterface<std::string> {};
+
+TEST_P(DaemonOnFailingDiskTest, UninstallRunsEveryStepAndReportsToTheSystemLog) {
+    LoopbackHttpServer server(200);
+    writeDevConfig(server.url());
+    // The daemon's unified log goes to a capture bound where the journal's socket is.
+    TestSupport::JournalCapture journal;
+    fs::create_directories(sandbox / "run/systemd/journal");
+    writeFile(sandbox / "run/systemd/journal/socket", "");
+    // With the fault library preloaded, the sanitizer runtime no longer comes
+    // first among the libraries; it works all the same when told not to check.
+    const char* sanitizerOptions = getenv("ASAN_OPTIONS");
+    startDaemon({.binds = {"/run=" + (sandbox / "run").string(),
+                           "/run/systemd/journal/socket=" + (journal.folder() / "journal.socket").string()},
+                 .daemonEnvironment = {"LD_PRELOAD=" FAULT_INJECTION_LIBRARY, GetParam(),
+                                       std::string("ASAN_OPTIONS=") + (sanitizerOptions ? sanitizerOptions : "") +
+                                           ":verify_asan_link_order=0"}});
+    // The journal's queue is short: reading it is what lets the daemon go on.
+    std::string messages;
+    auto journalShows = [&](const std::string& text) {
+        while (messages.find(text) == std::string::npos) {
+            auto entry = journal.nextRaw(std::chrono::seconds(20));
+            if (!entry) return false;
+            messages += TestSupport::parseJournalEntry(*entry)["MESSAGE"] + "\n";
+        }
+        return true;
+    };
+    ASSERT_TRUE(journalShows("with result: true")) << messages;
+    fs::remove_all(bundle);
+    for (const char* line : {"App uninstall request was successfully sent",
+                             "Vpn helper service system/com.velmora.mac.vpn.vpn_helper has been stopped",
+                             "Vpn helper service plist /Library/LaunchDaemons/com.velmora.mac.vpn.vpn_helper.plist "
+                             "has been deleted",
+                             "App tools were deleted"}) {
+        ASSERT_TRUE(journalShows(line)) << messages;
+    }
+    const bool removalsFail = GetParam().starts_with("FAULT_UNLINK");
+    if (removalsFail) {
+        EXPECT_TRUE(journalShows("Failed to delete /Library/LaunchDaemons/com.velmora.mac.vpn.vpn_helper.plist: "
+                                 "Input/output error")) << messages;
+        EXPECT_TRUE(journalShows("Failed to delete /Library/Application Support/Velmora Software/"
+                                 "com.velmora.mac.vpn: Input/output error")) << messages;
+    } else {
+        EXPECT_TRUE(journalShows("Failed to write /Library/Logs/")) << messages;
+    }
+    auto status = waitForExit();
+    ASSERT_TRUE(status.has_value()) << messages;
+    EXPECT_TRUE(WIFSIGNALED(*status) && WTERMSIG(*status) == SIGTERM) << "stopped by the bootout, wait status "
+                                                                       << *status;
+    EXPECT_EQ(server.requests().size(), 1u);
+    EXPECT_EQ(readFile(launchctlRecord), kBootout);
+    EXPECT_EQ(fs::exists(plist), removalsFail);
+    EXPECT_EQ(fs::exists(shared), removalsFail);
+    if (!removalsFail) {
+        EXPECT_EQ(log(), "") << "the writes did not fail";
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Faults, DaemonOnFailingDiskTest,
+                         ::testing::Values("FAULT_WRITE_ERRNO=ENOSPC", "FAULT_WRITE_ERRNO=EIO",
+                                           "FAULT_UNLINK_ERRNO=EIO"),
+                         [](const auto& info) {
+                             std::string name = info.param.substr(info.param.find('=') + 1);
+                             return (info.param.starts_with("FAULT_WRITE") ? "Write" : "Unlink") + name;
+                         });
 
 }  // namespace

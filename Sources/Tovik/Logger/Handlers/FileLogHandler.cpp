@@ -250,23 +250,29 @@ private:
 // Appends a record whole or not at all. The caller holds the file lock and
 // the descriptor appends, so the bytes of a record cut short (by a full disk)
 // are the last ones of the file and are cut off again. A success costs the
-// one write.
-void writeRecord(int fd, std::string_view bytes) {
+// one write. Returns 0, or the error number of the write that failed.
+int writeRecord(int fd, std::string_view bytes) {
     size_t written = 0;
+    int error = 0;
     while (written < bytes.size()) {
         const ssize_t result = ::write(fd, bytes.data() + written, bytes.size() - written);
         if (result > 0) {
             written += static_cast<size_t>(result);
-        } else if (result == 0 || errno != EINTR) {
+        } else if (result == 0) {
+            error = ENOSPC;  // a regular file takes nothing more only when it has no room
+            break;
+        } else if (errno != EINTR) {
+            error = errno;
             break;
         }
     }
-    if (written == 0 || written == bytes.size()) return;
+    if (error == 0 || written == 0) return error;
     struct stat status {};
     if (::fstat(fd, &status) == 0 && status.st_size >= static_cast<off_t>(written) &&
         ::ftruncate(fd, status.st_size - static_cast<off_t>(written)) != 0) {
         // Nothing else undoes it: the next record follows the cut one.
     }
+    return error;
 }
 
 std::string descriptorLabel(int fd, const std::string& path) { return std::to_string(fd) + "[" + path + "]"; }
@@ -315,6 +321,7 @@ struct FileLogHandler::State : std::enable_shared_from_this<State> {
 
     uint64_t watchGeneration = 0;  // guarded by lock; tells a current watch's events from stale ones
     bool stopped = false;          // guarded by lock
+    bool writeFailing = false;     // guarded by lock; the last record was lost and reported
     std::optional<Dispatch::DispatchSourceTimer> rotationTimer;  // set in start(), then only used
 };
 
@@ -352,7 +359,14 @@ void FileLogHandler::State::write(std::string_view record) {
     std::lock_guard guard(lock);
     if (fd < 0) return;
     FileLock fileLock(fd);
-    writeRecord(fd, record);
+    if (const int error = writeRecord(fd, record); error == 0) {
+        writeFailing = false;
+    } else if (!writeFailing) {
+        // Once until a record gets through again: a full disk would
+        // otherwise add a report to every lost record.
+        writeFailing = true;
+        loggerLogLk("Failed to write " + filepath + ": " + errorNumberText(error), LogLevel::error);
+    }
 }
 
 void FileLogHandler::State::openFileLk() {

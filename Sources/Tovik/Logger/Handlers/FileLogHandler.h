@@ -24,7 +24,10 @@
 // the same path; its first record is "Reopened the log file on removal".
 //
 // Failures: an open failure is reported ("Failed to open <path>: <error text>")
-// and leaves the handler failed: records are dropped. Nothing throws out of it.
+// and leaves the handler failed: records are dropped. A record the file cannot
+// take whole (a full disk, an I/O error) is dropped and the first of a run of
+// such losses is reported ("Failed to write <path>: <error text>"), to the
+// unified log at least. Nothing throws out of it.
 #pragma once
 
 #include <cstddef>
