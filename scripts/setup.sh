@@ -11,6 +11,8 @@ packages=(
   dbus zip unzip util-linux
   # Benchmarks compare the logger against spdlog; the library never links it.
   libspdlog-dev
+  # The `fuzz` preset (scripts/fuzz.sh): clang++ and its libFuzzer runtime.
+  clang clang-14 libclang-rt-14-dev
 )
 
 missing=()

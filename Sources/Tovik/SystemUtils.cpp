@@ -131,8 +131,11 @@ std::optional<std::filesystem::path> SystemUtil::compressFolder(const std::files
     const std::string archiveOperand = onlyContents ? "../" + archiveName : archiveName;
     const std::string sourceOperand = onlyContents ? "." : name;
 
-    auto [status, text] =
-        cliUtilText("/usr/bin/zip", {"-r", "-X", archiveOperand, sourceOperand}, workingFolder, true);
+    // Named variables, not a structured binding: the log call captures them
+    // in a lambda, which clang before 16 does not allow for bindings.
+    const auto zipped = cliUtilText("/usr/bin/zip", {"-r", "-X", archiveOperand, sourceOperand}, workingFolder, true);
+    const std::int32_t status = zipped.first;
+    const std::optional<std::string>& text = zipped.second;
     if (status != 0) {
         TLOG_ERROR(label, "Zipping util failed with code: " + std::to_string(status) + "\nOutput:\n" +
                               text.value_or(""));
@@ -144,8 +147,10 @@ std::optional<std::filesystem::path> SystemUtil::compressFolder(const std::files
 std::optional<bool> SystemUtil::uncompress(const std::filesystem::path& archive,
                                            const std::filesystem::path& targetFolderUrl) {
     constexpr const char* label = "uncompress(_:targetFolderUrl:)";
-    auto [status, text] = cliUtilText("/usr/bin/unzip", {"-o", archive.string(), "-d", targetFolderUrl.string()},
+    const auto unzipped = cliUtilText("/usr/bin/unzip", {"-o", archive.string(), "-d", targetFolderUrl.string()},
                                       targetFolderUrl, true);
+    const std::int32_t status = unzipped.first;
+    const std::optional<std::string>& text = unzipped.second;
     if (status == 0) {
         TLOG_INFO(label, "Archive uncompressed into: " + targetFolderUrl.string());
         return true;

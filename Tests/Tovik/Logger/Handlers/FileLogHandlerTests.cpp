@@ -128,7 +128,8 @@ TEST_F(FileLogHandlerTest, RotatesAtFiftyMiBOrAtTwoMiBAfterFortyEightHours) {
         {50 * MiB - 1, 0h, "No need rotating the log file. File size is 52428799 bytes."},
         {50 * MiB, 0h, "Log file size is 52428800 bytes, which is more than 52428800. It needs to be rotated."},
     };
-    for (const auto& [size, age, report] : cases) {
+    for (const auto& [checkedSize, age, report] : cases) {
+        const int64_t size = checkedSize;  // captured below, which clang 14 refuses for a binding
         SCOPED_TRACE(std::to_string(size) + " bytes, " + std::to_string(age.count()) + " h old");
         fs::remove(rotated_);
         TestSupport::writeFile(path_, "");
