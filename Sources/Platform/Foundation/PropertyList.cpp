@@ -1,9 +1,13 @@
 #include "Foundation/PropertyList.h"
 
+#include "Foundation/UTF8.h"
+
 #include <plist/plist.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <cmath>
+#include <cstring>
 #include <memory>
 #include <new>
 #include <vector>
@@ -338,6 +342,56 @@ struct PlistDeleter {
 };
 using PlistPtr = std::unique_ptr<void, PlistDeleter>;
 
+// Dates. The library keeps a date as its seconds since 2001 (a double), but
+// its accessors take and give whole seconds as 32-bit numbers (1901...2038
+// only) and truncate the fraction, so a date read through them comes back
+// wrapped around, or a microsecond early now and then. Dates therefore cross
+// the library as the one thing it carries whole: a binary list of a single
+// date, whose double this code writes and reads itself.
+constexpr size_t dateListSize = 8 + 9 + 1 + 32;  // header, the date object, offset table, trailer
+
+plist_t newDateNode(PropertyList::Date date) {
+    const int64_t micros = std::chrono::duration_cast<std::chrono::microseconds>(date.time_since_epoch()).count() -
+                           referenceDateOffset * 1000000;
+    const double seconds = static_cast<double>(micros) / 1e6;
+    uint64_t bits = 0;
+    std::memcpy(&bits, &seconds, sizeof bits);
+    unsigned char list[dateListSize] = {'b', 'p', 'l', 'i', 's', 't', '0', '0', 0x33};
+    for (int i = 0; i < 8; ++i) list[9 + i] = static_cast<unsigned char>(bits >> (56 - 8 * i));
+    list[17] = 8;                                   // offset of object 0
+    unsigned char* trailer = list + dateListSize - 32;
+    trailer[6] = 1;                                 // offset size
+    trailer[7] = 1;                                 // reference size
+    trailer[15] = 1;                                // one object
+    trailer[31] = 17;                               // offset table at byte 17; top object 0
+    plist_t node = nullptr;
+    plist_from_bin(reinterpret_cast<const char*>(list), dateListSize, &node);
+    return node != nullptr ? node : plist_new_date(0, 0);
+}
+
+std::optional<PropertyList::Date> dateOfNode(plist_t node) {
+    PlistPtr copy(plist_copy(node));
+    char* bytes = nullptr;
+    uint32_t length = 0;
+    plist_to_bin(copy.get(), &bytes, &length);
+    std::optional<PropertyList::Date> date;
+    if (bytes != nullptr && length >= 17 && static_cast<unsigned char>(bytes[8]) == 0x33) {
+        uint64_t bits = 0;
+        for (int i = 0; i < 8; ++i) bits = bits << 8 | static_cast<unsigned char>(bytes[9 + i]);
+        double seconds = 0;
+        std::memcpy(&seconds, &bits, sizeof seconds);
+        // Clamped to what the clock's nanoseconds hold (about 1677...2262):
+        // the platform's "distant past" and "distant future" stay far away.
+        constexpr double limit = 9.2e15;
+        const double micros = std::round(seconds * 1e6) + static_cast<double>(referenceDateOffset) * 1e6;
+        if (!std::isnan(micros)) {
+            date = PropertyList::Date(std::chrono::microseconds(static_cast<int64_t>(std::clamp(micros, -limit, limit))));
+        }
+    }
+    plist_to_bin_free(bytes);
+    return date;
+}
+
 plist_t toNode(const PropertyList& value) {
     struct Visitor {
         plist_t operator()(bool v) const { return plist_new_bool(v ? 1 : 0); }
@@ -347,17 +401,7 @@ plist_t toNode(const PropertyList& value) {
         plist_t operator()(const PropertyList::Data& v) const {
             return plist_new_data(reinterpret_cast<const char*>(v.data()), v.size());
         }
-        plist_t operator()(const PropertyList::Date& v) const {
-            auto micros =
-                std::chrono::duration_cast<std::chrono::microseconds>(v.time_since_epoch()).count() -
-                referenceDateOffset * 1000000;
-            int64_t sec = micros / 1000000, usec = micros % 1000000;
-            if (usec < 0) {
-                usec += 1000000;
-                sec -= 1;
-            }
-            return plist_new_date(static_cast<int32_t>(sec), static_cast<int32_t>(usec));
-        }
+        plist_t operator()(const PropertyList::Date& v) const { return newDateNode(v); }
         plist_t operator()(const PropertyList::Array& v) const {
             plist_t array = plist_new_array();
             for (const auto& item : v) plist_array_append_item(array, toNode(item));
@@ -370,6 +414,18 @@ plist_t toNode(const PropertyList& value) {
         }
     };
     return std::visit(Visitor{}, value.storage());
+}
+
+bool holdsNul(const PropertyList& value) {
+    if (const auto* text = value.get<std::string>()) return text->find('\0') != std::string::npos;
+    if (const auto* array = value.get<PropertyList::Array>())
+        return std::any_of(array->begin(), array->end(), holdsNul);
+    if (const auto* dictionary = value.get<PropertyList::Dictionary>()) {
+        return std::any_of(dictionary->begin(), dictionary->end(), [](const auto& entry) {
+            return entry.first.find('\0') != std::string::npos || holdsNul(entry.second);
+        });
+    }
+    return false;
 }
 
 std::optional<PropertyList> fromNode(plist_t node) {
@@ -392,7 +448,12 @@ std::optional<PropertyList> fromNode(plist_t node) {
         case PLIST_STRING: {
             uint64_t length = 0;
             const char* text = plist_get_string_ptr(node, &length);
-            return PropertyList(std::string(text ? text : "", text ? length : 0));
+            std::string value(text ? text : "", text ? length : 0);
+            // Bytes that are no text (a binary list's 8-bit strings are
+            // ASCII) make the list unreadable, as they do on the platform;
+            // a NUL could not be written back.
+            if (!isValidUTF8(value) || value.find('\0') != std::string::npos) return std::nullopt;
+            return PropertyList(std::move(value));
         }
         case PLIST_DATA: {
             uint64_t length = 0;
@@ -401,10 +462,9 @@ std::optional<PropertyList> fromNode(plist_t node) {
             return PropertyList(bytes ? PropertyList::Data(begin, begin + length) : PropertyList::Data{});
         }
         case PLIST_DATE: {
-            int32_t sec = 0, usec = 0;
-            plist_get_date_val(node, &sec, &usec);
-            return PropertyList(PropertyList::Date(std::chrono::microseconds(
-                (static_cast<int64_t>(sec) + referenceDateOffset) * 1000000 + usec)));
+            auto date = dateOfNode(node);
+            if (!date) return std::nullopt;
+            return PropertyList(*date);
         }
         case PLIST_ARRAY: {
             PropertyList::Array array;
@@ -427,7 +487,7 @@ std::optional<PropertyList> fromNode(plist_t node) {
                 if (!key) break;
                 std::string name(key);
                 free(key);
-                auto value = fromNode(item);
+                auto value = isValidUTF8(name) ? fromNode(item) : std::nullopt;
                 if (!value) {
                     free(iter);
                     return std::nullopt;
@@ -469,6 +529,9 @@ std::optional<PropertyList> PropertyList::fromData(std::string_view bytes) {
 }
 
 std::string PropertyList::data(Format format) const {
+    // The library takes strings and keys up to their first NUL: such a value
+    // is refused rather than written cut short.
+    if (holdsNul(*this)) return {};
     PlistPtr node(toNode(*this));
     char* bytes = nullptr;
     uint32_t length = 0;

@@ -77,11 +77,13 @@ public:
     /// Never throws; thread-safe.
     static std::optional<std::string> boundsViolation(std::string_view bytes);
 
-    /// Parses an XML or binary property list; nothing when it is malformed or
-    /// breaks a bound (see boundsViolation()), or when memory runs out. Never
+    /// Parses an XML or binary property list; nothing when it is malformed,
+    /// holds a string or key that is not UTF-8 (or a string with a NUL), breaks a bound (see
+    /// boundsViolation()), or when memory runs out. Never
     /// throws; thread-safe.
     static std::optional<PropertyList> fromData(std::string_view bytes);
-    /// The serialised form; empty when the value cannot be serialised.
+    /// The serialised form; empty when the value cannot be serialised (a
+    /// string or key holding a NUL).
     std::string data(Format format = Format::xml) const;
 
 private:

@@ -121,7 +121,9 @@ bool UserDefaults::writeLk(const std::string& name, const Dictionary& values) co
     }
     std::error_code error;
     std::filesystem::create_directories(folder_, error);
-    std::string bytes = PropertyList(values).data(PropertyList::Format::xml);
+    // Binary, as the platform keeps its preference files: XML holds dates to
+    // the second only.
+    std::string bytes = PropertyList(values).data(PropertyList::Format::binary);
     std::string target = fileLk(name).string();
     std::string temporary = target + ".XXXXXX";
     int fd = mkstemp(temporary.data());

@@ -18,9 +18,11 @@ OperatingSystemVersion OperatingSystemVersion::fromKernelRelease(std::string_vie
             if (position == end || *position != '.') break;
             ++position;
         }
+        // A part starts with a digit: from_chars alone would take "-0".
+        if (position == end || *position < '0' || *position > '9') break;
         std::int64_t value = 0;
         const auto [next, error] = std::from_chars(position, end, value);
-        if (error != std::errc() || value < 0) break;
+        if (error != std::errc()) break;
         *parts[index] = value;
         position = next;
     }

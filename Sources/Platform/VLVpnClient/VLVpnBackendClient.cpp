@@ -76,6 +76,12 @@ private:
         if (result != CURLE_OK) return transportError(c, url, result, errorText);
         long status = 0;
         c.easyGetinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+        // Not an HTTP status at all (libcurl passes on any three or more
+        // digits): a broken answer, which must not pass for a status code nor
+        // collide with the transport error codes.
+        if (status < 100 || status > 599)
+            return transportError(c, url, CURLE_WEIRD_SERVER_REPLY,
+                                  ("invalid HTTP status " + std::to_string(status)).c_str());
         if (status < 200 || status > 299)
             return VLVBCError{VLVBCError::domainName, status,
                               "Backend answered HTTP status " + std::to_string(status) + " to " + url};
