@@ -2,10 +2,8 @@
 // /Applications, /root and /bin/launchctl are folders of a temporary sandbox.
 // The backend is a loopback server; where a test needs the unified log, its
 // journal socket is a capture of the test's.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <stdio.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -203,21 +201,6 @@ TEST_F(DaemonEndToEndTest, DevConfigWithWrongPermissionsIsIgnored) {
     // Without the override the report goes to the built-in host, which the
     // isolated network cannot reach: the loopback server hears nothing.
     EXPECT_TRUE(server.requests().empty());
-}
-
-TEST_F(DaemonEndToEndTest, BundleReplacedInPlaceIsNoUninstall) {
-    startDaemon();
-    ASSERT_TRUE(waitForLog("with result: true")) << log();
-    // A new copy swapped in atomically: the path never stops existing.
-    fs::path fresh = sandbox / "Applications" / "Velmora VPN new.app";
-    fs::create_directories(fresh / "Contents");
-    writeFile(fresh / "Contents" / "Info.plist", kInfoPlist);
-    ASSERT_EQ(renameat2(AT_FDCWD, fresh.c_str(), AT_FDCWD, bundle.c_str(), RENAME_EXCHANGE), 0);
-    EXPECT_TRUE(waitForLog("W: (AppBundleObserver) App path is exist")) << log();
-    EXPECT_FALSE(waitForExit(std::chrono::seconds(1)).has_value());
-    EXPECT_FALSE(logged("has been deleted (observer)"));
-    EXPECT_FALSE(fs::exists(launchctlRecord));
-    EXPECT_TRUE(fs::exists(shared));
 }
 
 // The whole uninstall on a failing disk: every file write fails (the log file
