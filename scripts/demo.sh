@@ -2,8 +2,11 @@
 # Shows the daemon's one job end to end, in a private sandbox:
 #   - "/Applications/Velmora VPN.app" (bundle id com.velmora.mac.vpn) is installed,
 #   - a root-owned devConfig.json aims the backend at a loopback HTTP server,
-#   - /bin/launchctl is a stand-in that records its arguments and stops the
-#     daemon with SIGTERM, as launchd's bootout would;
+#   - /bin/launchctl is ours (Sources/Platform/Launchd), which carries the
+#     bootout out with systemctl; the systemctl it finds first on the daemon's
+#     PATH is a stand-in (scripts/systemctl-standin.sh) that records its
+#     arguments and stops the daemon with SIGTERM, as systemd would, once the
+#     demo has seen the daemon's clean-up end;
 # then starts the daemon, deletes the bundle, and prints the daemon's log,
 # what the backend received, and what is left of the shared folder and plist.
 # The real /Library, /Applications and /bin are never touched (scripts/sandbox.sh).
@@ -14,7 +17,7 @@ repo=$(pwd)
 bash scripts/setup.sh
 echo "=== building"
 cmake --preset release >/dev/null
-cmake --build --preset release --target vpn_helper loopback-http-server -j "$(nproc)" | tail -n 1
+cmake --build --preset release --target vpn_helper launchctl loopback-http-server -j "$(nproc)" | tail -n 1
 
 build=$repo/build/release
 sandbox=$(mktemp -d /tmp/vpn-helper-demo.XXXXXX)
@@ -31,7 +34,7 @@ shared="$sandbox/Library/Application Support/Velmora Software/com.velmora.mac.vp
 plist="$sandbox/Library/LaunchDaemons/com.velmora.mac.vpn.vpn_helper.plist"
 log="$sandbox/Library/Logs/com.velmora.mac.vpn/Velmora VPN-shared.log"
 
-mkdir -p "$bundle/Contents/MacOS" "$shared" "$(dirname "$plist")" "$sandbox/bin"
+mkdir -p "$bundle/Contents/MacOS" "$shared" "$(dirname "$plist")" "$sandbox/bin" "$sandbox/tools"
 cat > "$bundle/Contents/Info.plist" <<'PLIST'
 <?xml version="1.0" encoding="UTF-8"?>
 <!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
@@ -47,7 +50,8 @@ PLIST
 echo "app" > "$bundle/Contents/MacOS/Velmora VPN"
 cp "$build/vpn_helper/com.velmora.mac.vpn.vpn_helper.plist" "$plist"
 echo "application data" > "$shared/state.bin"
-cp scripts/launchctl-standin.sh "$sandbox/bin/launchctl"
+cp "$build/Sources/Platform/Launchd/launchctl" "$sandbox/bin/launchctl"
+cp scripts/systemctl-standin.sh "$sandbox/tools/systemctl"
 
 # The backend: a loopback server that answers 200 and records the request.
 "$build/Tests/loopback-http-server" --status 200 --port-file "$sandbox/port" \
@@ -60,8 +64,9 @@ chown 0:0 "$shared/devConfig.json" 2>/dev/null || true
 chmod 0644 "$shared/devConfig.json"
 
 echo "=== sandbox $sandbox: starting vpn_helper (backend at http://127.0.0.1:$port)"
-LAUNCHCTL_RECORD="$sandbox/launchctl-calls.txt" \
-  bash scripts/sandbox.sh "$sandbox" "$build/vpn_helper/vpn_helper" &
+bash scripts/sandbox.sh "$sandbox" /usr/bin/env PATH="$sandbox/tools:/usr/sbin:/usr/bin:/sbin:/bin" \
+  SYSTEMCTL_RECORD="$sandbox/systemctl-calls.txt" SYSTEMCTL_UNITS=com.velmora.mac.vpn.vpn_helper.service \
+  SYSTEMCTL_STOP_GATE="$sandbox/stop-gate" "$build/vpn_helper/vpn_helper" &
 daemon_pid=$!
 
 wait_for() {  # wait_for <text>: until the daemon's log holds it (20 s at most)
@@ -76,6 +81,9 @@ wait_for "with result: true"
 
 echo "=== deleting /Applications/Velmora VPN.app"
 rm -rf "$bundle"
+# systemd's stop job waits for this gate, so the whole clean-up shows.
+wait_for "App tools were deleted"
+touch "$sandbox/stop-gate"
 
 status=0
 wait "$daemon_pid" || status=$?
@@ -92,8 +100,8 @@ echo "=== what the backend received"
 cat "$sandbox/request.txt" 2>/dev/null || echo "(nothing)"
 echo
 echo
-echo "=== launchctl was called as"
-cat "$sandbox/launchctl-calls.txt" 2>/dev/null || echo "(never called)"
+echo "=== systemctl was called as"
+cat "$sandbox/systemctl-calls.txt" 2>/dev/null || echo "(never called)"
 echo
 echo "=== what is left"
 for item in "$plist" "$shared"; do

@@ -13,6 +13,11 @@
 # namespace when the command ends. Network and processes stay shared, so a
 # loopback server started outside is reachable inside.
 #
+# SANDBOX_OVERLAY names top-level system folders (e.g. "usr etc var") that the
+# command may change: each is an overlay of the real folder with its changes in
+# <sandbox>/overlay/<name>/upper, kept from one run to the next, so a package
+# can be installed into the sandbox, looked at, and removed again.
+#
 # With SANDBOX_NETWORK=none the command also gets a network namespace of its
 # own with no interface up, so nothing it sends can leave it. With
 # SANDBOX_LIBRARY=none there is no /Library at all. SANDBOX_BINDS holds more
@@ -48,6 +53,10 @@ for entry in /*; do
   esac
   if [ -L "$entry" ]; then
     cp -P "$entry" "$root/$name"
+  elif [ -d "$entry" ] && [[ " ${SANDBOX_OVERLAY:-} " == *" $name "* ]]; then
+    layer="$sandbox/overlay/$name"
+    mkdir -p "$root/$name" "$layer/upper" "$layer/work"
+    mount -t overlay "sandbox-$name" -o "lowerdir=$entry,upperdir=$layer/upper,workdir=$layer/work" "$root/$name"
   elif [ -d "$entry" ]; then
     mkdir "$root/$name"
     if [ "$name" = tmp ]; then
@@ -59,13 +68,18 @@ for entry in /*; do
   fi
 done
 
-# /bin: the sandbox's tools over the real ones (a read-only overlay).
+# /bin: the sandbox's tools over the real ones (a read-only overlay); with
+# /usr an overlay, a merged /bin stays the link into it.
 realbin=$(realpath /bin)
-mkdir "$root/bin"
-if [ -n "$(ls -A "$sandbox/bin")" ]; then
-  mount -t overlay sandbox-bin -o "lowerdir=$sandbox/bin:$realbin" "$root/bin"
+if [ -L /bin ] && [[ " ${SANDBOX_OVERLAY:-} " == *" usr "* ]]; then
+  cp -P /bin "$root/bin"
 else
-  mount --bind "$realbin" "$root/bin"
+  mkdir "$root/bin"
+  if [ -n "$(ls -A "$sandbox/bin")" ]; then
+    mount -t overlay sandbox-bin -o "lowerdir=$sandbox/bin:$realbin" "$root/bin"
+  else
+    mount --bind "$realbin" "$root/bin"
+  fi
 fi
 
 if [ "${SANDBOX_LIBRARY:-}" != none ]; then

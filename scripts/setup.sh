@@ -9,6 +9,8 @@ packages=(
   libplist-dev nlohmann-json3-dev libssl-dev libsqlite3-dev
   libcurl4-openssl-dev libpcre2-dev libfmt-dev libsystemd-dev
   dbus zip unzip util-linux
+  # The Debian package (CPack: dpkg-shlibdeps) and its unit check (systemd-analyze).
+  dpkg-dev systemd
   # Benchmarks compare the logger against spdlog; the library never links it.
   libspdlog-dev
   # The `fuzz` preset (scripts/fuzz.sh): clang++ and its libFuzzer runtime.

@@ -1,5 +1,8 @@
 // The real daemon binary, run as root in scripts/sandbox.sh: its /Library,
-// /Applications, /root and /bin/launchctl are folders of a temporary sandbox.
+// /Applications and /root are folders of a temporary sandbox, its
+// /bin/launchctl is the built one, and the systemctl that runs is a recording
+// stand-in (scripts/systemctl-standin.sh) that stops the daemon once the test
+// opens its gate.
 // The backend is a loopback server; where a test needs the unified log, its
 // journal socket is a capture of the test's.
 #include <gtest/gtest.h>
@@ -27,7 +30,10 @@ namespace {
 
 const std::string kInfoPlist = "<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key>"
                                "<string>com.velmora.mac.vpn</string></dict></plist>";
-const std::string kBootout = "/bin/launchctl bootout system/com.velmora.mac.vpn.vpn_helper\n";
+const std::string kUnit = "com.velmora.mac.vpn.vpn_helper.service";
+// What `launchctl bootout system/com.velmora.mac.vpn.vpn_helper` runs.
+const std::string kBootoutCalls = "systemctl show --property=LoadState --value " + kUnit + "\n" +
+                                  "systemctl disable --now " + kUnit + "\n";
 
 // How the daemon runs in its sandbox.
 struct DaemonRun {
@@ -47,7 +53,9 @@ protected:
         fs::create_directories(bundle / "Contents");
         writeFile(bundle / "Contents" / "Info.plist", kInfoPlist);
         fs::create_directories(sandbox / "bin");
-        fs::copy_file(fs::path(TOVIK_SOURCE_DIR) / "scripts" / "launchctl-standin.sh", sandbox / "bin" / "launchctl");
+        fs::copy_file(LAUNCHCTL_BINARY, sandbox / "bin" / "launchctl");
+        fs::create_directories(sandbox / "tools");
+        fs::copy_file(fs::path(TOVIK_SOURCE_DIR) / "scripts" / "systemctl-standin.sh", sandbox / "tools" / "systemctl");
         fs::create_directories(plist.parent_path());
         writeFile(plist, "<plist version=\"1.0\"><dict/></plist>\n");
         fs::create_directories(shared);
@@ -69,11 +77,17 @@ protected:
 
     void startDaemon(const DaemonRun& run = {}) {
         std::vector<std::string> environment = {
-            "LAUNCHCTL_RECORD=" + launchctlRecord.string(),
             std::string("SANDBOX_NETWORK=") + (run.isolatedNetwork ? "none" : "shared"), "SANDBOX_BINDS="};
         for (const auto& bind : run.binds) environment.back() += bind + "\n";
-        std::vector<std::string> words = {"bash", std::string(TOVIK_SOURCE_DIR) + "/scripts/sandbox.sh", sandbox};
-        if (!run.daemonEnvironment.empty()) words.push_back("/usr/bin/env");
+        // The stand-in comes first on PATH: the machine's systemctl never runs.
+        std::vector<std::string> words = {"bash",
+                                          std::string(TOVIK_SOURCE_DIR) + "/scripts/sandbox.sh",
+                                          sandbox,
+                                          "/usr/bin/env",
+                                          "PATH=" + (sandbox / "tools").string() + ":/usr/sbin:/usr/bin:/sbin:/bin",
+                                          "SYSTEMCTL_RECORD=" + systemctlRecord.string(),
+                                          "SYSTEMCTL_UNITS=" + kUnit,
+                                          "SYSTEMCTL_STOP_GATE=" + stopGate.string()};
         words.insert(words.end(), run.daemonEnvironment.begin(), run.daemonEnvironment.end());
         words.push_back(VPN_HELPER_BINARY);
         std::vector<char*> arguments;
@@ -102,15 +116,29 @@ protected:
         return status;
     }
 
-    // Starts the daemon, waits until it watches the bundle, deletes the bundle
-    // and waits for the daemon to end and finish its clean-up.
+    // Lets the stand-in systemctl go on with the stop job that the bootout
+    // started; until then the daemon runs.
+    void openStopGate() { writeFile(stopGate, ""); }
+
+    // Waits for the daemon to end and checks that the stop job ended it.
+    void waitForStop(const std::string& context) {
+        auto status = waitForExit();
+        ASSERT_TRUE(status.has_value()) << context;
+        EXPECT_TRUE(WIFSIGNALED(*status) && WTERMSIG(*status) == SIGTERM) << "stopped by the bootout, wait status "
+                                                                           << *status;
+    }
+
+    // Starts the daemon, waits until it watches the bundle, deletes the bundle,
+    // waits for its clean-up to finish, then for the bootout to stop it.
     void uninstall(const DaemonRun& run = {}) {
         startDaemon(run);
         ASSERT_TRUE(waitForLog("with result: true")) << log();
         fs::remove_all(bundle);
-        ASSERT_TRUE(waitForExit().has_value()) << log();
         ASSERT_TRUE(waitForLog("App tools were deleted")) << log();
+        openStopGate();
+        waitForStop(log());
         EXPECT_FALSE(fs::exists(shared));
+        EXPECT_EQ(readFile(systemctlRecord), kBootoutCalls);
     }
 
     TestSupport::TemporaryDirectory dir_{"daemon-e2e"};
@@ -119,7 +147,8 @@ protected:
     fs::path plist = sandbox / "Library/LaunchDaemons/com.velmora.mac.vpn.vpn_helper.plist";
     fs::path shared = sandbox / "Library/Application Support/Velmora Software/com.velmora.mac.vpn";
     fs::path logFile = sandbox / "Library/Logs/com.velmora.mac.vpn/Velmora VPN-shared.log";
-    fs::path launchctlRecord = sandbox / "launchctl-calls.txt";
+    fs::path systemctlRecord = sandbox / "systemctl-calls.txt";
+    fs::path stopGate = sandbox / "stop-gate";
     pid_t pid_ = -1;
 };
 
@@ -156,7 +185,6 @@ TEST_F(DaemonEndToEndTest, UninstallReportsBootsOutAndDeletes) {
     auto requests = server.requests();
     ASSERT_EQ(requests.size(), 1u);
     EXPECT_NE(requests[0].body.find("\"build\":1143"), std::string::npos) << requests[0].body;
-    EXPECT_EQ(readFile(launchctlRecord), kBootout);
     EXPECT_FALSE(fs::exists(plist));
 }
 
@@ -168,7 +196,6 @@ TEST_F(DaemonEndToEndTest, BackendErrorAndMissingPlistAreLoggedAndCleanupStillHa
     EXPECT_TRUE(logged("App uninstall request was sent with error: ") && logged("500")) << log();
     EXPECT_TRUE(logged("Vpn helper service plist /Library/LaunchDaemons/com.velmora.mac.vpn.vpn_helper.plist has been "
                        "deleted"));
-    EXPECT_EQ(readFile(launchctlRecord), kBootout);
 }
 
 TEST_F(DaemonEndToEndTest, WithoutBundleTheDaemonIdles) {
@@ -178,7 +205,7 @@ TEST_F(DaemonEndToEndTest, WithoutBundleTheDaemonIdles) {
         << log();
     EXPECT_TRUE(waitForLog("VPN helper 1143 has been initialized")) << log();
     EXPECT_FALSE(waitForExit(std::chrono::seconds(1)).has_value()) << "the daemon must idle";
-    EXPECT_FALSE(fs::exists(launchctlRecord));
+    EXPECT_FALSE(fs::exists(systemctlRecord));
     EXPECT_TRUE(fs::exists(shared));
 }
 
@@ -251,12 +278,12 @@ TEST_P(DaemonOnFailingDiskTest, UninstallRunsEveryStepAndReportsToTheSystemLog) 
     } else {
         EXPECT_TRUE(journalShows("Failed to write /Library/Logs/")) << messages;
     }
-    auto status = waitForExit();
-    ASSERT_TRUE(status.has_value()) << messages;
-    EXPECT_TRUE(WIFSIGNALED(*status) && WTERMSIG(*status) == SIGTERM) << "stopped by the bootout, wait status "
-                                                                       << *status;
+    openStopGate();
+    waitForStop(messages);
     EXPECT_EQ(server.requests().size(), 1u);
-    EXPECT_EQ(readFile(launchctlRecord), kBootout);
+    // The programs the bootout runs write on a sound disk: the preload library
+    // leaves their environment.
+    EXPECT_EQ(readFile(systemctlRecord), kBootoutCalls);
     EXPECT_EQ(fs::exists(plist), removalsFail);
     EXPECT_EQ(fs::exists(shared), removalsFail);
     if (!removalsFail) {
