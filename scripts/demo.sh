@@ -8,7 +8,8 @@
 #     arguments and stops the daemon with SIGTERM, as systemd would, once the
 #     demo has seen the daemon's clean-up end;
 # then starts the daemon, deletes the bundle, and prints the daemon's log,
-# what the backend received, and what is left of the shared folder and plist.
+# what the backend received, and what is left of the shared folder and plist;
+# last, packs the daemon's log into a support archive with tovik-support.
 # The real /Library, /Applications and /bin are never touched (scripts/sandbox.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -17,7 +18,7 @@ repo=$(pwd)
 bash scripts/setup.sh
 echo "=== building"
 cmake --preset release >/dev/null
-cmake --build --preset release --target vpn_helper launchctl loopback-http-server -j "$(nproc)" | tail -n 1
+cmake --build --preset release --target vpn_helper launchctl tovik-support loopback-http-server -j "$(nproc)" | tail -n 1
 
 build=$repo/build/release
 sandbox=$(mktemp -d /tmp/vpn-helper-demo.XXXXXX)
@@ -108,3 +109,8 @@ for item in "$plist" "$shared"; do
   name=${item#"$sandbox"}
   if [ -e "$item" ]; then echo "still there: $name"; else echo "deleted:     $name"; fi
 done
+
+echo
+echo "=== support staff pack the daemon's log: tovik-support archive --log <log> --purpose general -o support.zip"
+"$build/tovik_support/tovik-support" archive --log "$log" --purpose general -o "$sandbox/support.zip"
+unzip -l "$sandbox/support.zip"

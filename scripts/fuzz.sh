@@ -4,7 +4,8 @@
 # other, one job each.
 # Usage: scripts/fuzz.sh [seconds] [target...]
 #   seconds  how long each target runs (default 600)
-#   target   DevConfig, InfoPlist, UserDefaults, SystemInfo, BackendResponse
+#   target   DevConfig, InfoPlist, UserDefaults, SystemInfo, BackendResponse, LogExtraction,
+#            KeychainFile, KeyStorageBlob, SealedFile
 #            (default: all of Tests/Fuzz/*Fuzz.cpp)
 # The committed inputs in Tests/Fuzz/corpus/<target>/ are read, never written;
 # new inputs go to <build>/corpus/<target>/, crashes to <build>/artifacts/<target>/.

@@ -14,27 +14,39 @@
 
 namespace TestSupport {
 
-/// Keeps every formatted line.
+/// Keeps every formatted line with its level and date.
 class RecordingLogHandler : public Tovik::LogHandlerProtocol {
 public:
-    void log(Tovik::LogLevel, Tovik::Date, std::string_view text) noexcept override {
+    struct Entry {
+        Tovik::LogLevel level;
+        Tovik::Date date;
+        std::string text;
+        bool operator==(const Entry&) const = default;
+    };
+    void log(Tovik::LogLevel level, Tovik::Date date, std::string_view text) noexcept override {
         std::lock_guard guard(mutex_);
-        lines_.emplace_back(text);
+        entries_.push_back({level, date, std::string(text)});
     }
-    /// The lines so far, in arrival order.
-    std::vector<std::string> lines() const {
+    /// The calls so far, in arrival order.
+    std::vector<Entry> entries() const {
         std::lock_guard guard(mutex_);
-        return lines_;
+        return entries_;
+    }
+    /// Their lines.
+    std::vector<std::string> lines() const {
+        std::vector<std::string> lines;
+        for (const auto& entry : entries()) lines.push_back(entry.text);
+        return lines;
     }
     /// How many lines so far are exactly line.
     long count(std::string_view line) const {
         std::lock_guard guard(mutex_);
-        return std::count(lines_.begin(), lines_.end(), line);
+        return std::count_if(entries_.begin(), entries_.end(), [&](const Entry& e) { return e.text == line; });
     }
 
 private:
     mutable std::mutex mutex_;
-    std::vector<std::string> lines_;
+    std::vector<Entry> entries_;
 };
 
 /// Installs a fresh RecordingLogHandler as the only handler of

@@ -86,22 +86,19 @@ protected:
 
 }  // namespace
 
-TEST_F(ProcessTests, OutputIsLoggedOneRecordPerLine) {
+// Waiting returns once the exit status was logged; the output may follow.
+TEST_F(ProcessTests, OutputIsLoggedOneRecordPerLineAndWaitingReturnsAfterTheExitStatus) {
     // A line split across reads, stderr beside stdout, CR LF (whose empty
     // line is dropped), invalid UTF-8, and a last line without a line feed.
     std::vector<std::string> steps = {"out:ab", "drain", "out:c\n", "err:oops\n",
-                                      "out:d\r\ne\n\n", "out:\xff\xfe\n", "out:tail"};
-    ASSERT_TRUE(runChild(steps, true));
-    ASSERT_TRUE(waitUntil([&] { return outputLines().size() >= 5; }));
-    EXPECT_EQ(outputLines(), (std::vector<std::string>{"exe> abc", "exe> oops", "exe> d", "exe> e", "exe> tail"}));
-    EXPECT_EQ(lines().front(), running(steps));
-}
-
-TEST_F(ProcessTests, WaitingReturnsAfterTheExitStatusWasLogged) {
-    auto process = runChild({"exit:3"}, true);
+                                      "out:d\r\ne\n\n", "out:\xff\xfe\n", "out:tail", "exit:3"};
+    auto process = runChild(steps, true);
     ASSERT_TRUE(process);
     EXPECT_EQ(process->terminationStatus(), 3);
     EXPECT_TRUE(logged(returned(process->processIdentifier(), 3)));
+    ASSERT_TRUE(waitUntil([&] { return outputLines().size() >= 5; }));
+    EXPECT_EQ(outputLines(), (std::vector<std::string>{"exe> abc", "exe> oops", "exe> d", "exe> e", "exe> tail"}));
+    EXPECT_EQ(lines().front(), running(steps));
 }
 
 TEST_F(ProcessTests, WithoutWaitingTheCallReturnsWhileTheChildRuns) {

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cstdio>
 #include <functional>
 #include <utility>
 #include <vector>
@@ -79,20 +78,6 @@ protected:
     std::atomic<int> calls{0};
 };
 
-TEST_F(AppBundleObserverTest, DeletingTheBundleFiresOnceOnTheQueue) {
-    start(calls);
-    std::weak_ptr<DirectoryMonitor> watching = monitor();
-    fs::remove_all(bundle);
-    ASSERT_TRUE(waitUntil([&] { return calls == 1; }));
-    drain(watching);
-    // A later event finds no monitor and fires nothing.
-    const long gone = count(kNoMonitor);
-    observer->directoryMonitorDidObserveChange(DirectoryMonitor::create(bundle.string()));
-    observer->queue().sync([] {});
-    EXPECT_EQ(count(kNoMonitor), gone + 1);
-    EXPECT_EQ(calls, 1);
-}
-
 TEST_F(AppBundleObserverTest, StartingAgainReplacesMonitorAndCompletionAndMovingToTheTrashFires) {
     std::atomic<int> firstCalls{0};
     start(firstCalls);
@@ -109,8 +94,8 @@ TEST_F(AppBundleObserverTest, StartingAgainReplacesMonitorAndCompletionAndMoving
 // Updaters put a freshly staged bundle folder where the old one was: by moving
 // the old one aside, by deleting it first or by exchanging the two. Each update
 // runs while the queue is held, so the check sees its end, never the gap
-// between its steps.
-TEST_F(AppBundleObserverTest, UpdatesThatReplaceTheBundleFolderKeepItWatched) {
+// between its steps. Deleting the bundle then fires once, on the queue.
+TEST_F(AppBundleObserverTest, UpdatesThatReplaceTheBundleFolderKeepItWatchedAndDeletionFiresOnce) {
     const fs::path staged = temp / "staged.app", aside = temp / "old.app";
     const std::vector<std::pair<std::string, std::function<void()>>> updates = {
         {"move aside", [&] { fs::rename(bundle, aside); fs::rename(staged, bundle); fs::remove_all(aside); }},
@@ -139,6 +124,11 @@ TEST_F(AppBundleObserverTest, UpdatesThatReplaceTheBundleFolderKeepItWatched) {
     fs::remove_all(bundle);
     ASSERT_TRUE(waitUntil([&] { return calls == 1; })) << "the deletion went unnoticed";
     drain(watching);
+    // A later event finds no monitor and fires nothing.
+    const long gone = count(kNoMonitor);
+    observer->directoryMonitorDidObserveChange(DirectoryMonitor::create(bundle.string()));
+    observer->queue().sync([] {});
+    EXPECT_EQ(count(kNoMonitor), gone + 1);
     EXPECT_EQ(calls, 1);
 }
 

@@ -41,7 +41,7 @@ TEST(BackendClientTest, VersionPartsAreSignedDecimalsAndZeroOtherwise) {
     }
 }
 
-TEST(BackendClientTest, KeysAreReadInOrderAndWrongTypesCountAsMissing) {
+TEST(BackendClientTest, DeveloperKeysAreReadInOrderAndAppliedOnlyWithTheRightType) {
     FakeDevConfig devConfig;
     devConfig.values = {{DevConfigKey::disableOutboundInterfaceBinding, 1},
                         {DevConfigKey::configFetchTimeoutMs, "2500"},
@@ -69,9 +69,8 @@ TEST(BackendClientTest, KeysAreReadInOrderAndWrongTypesCountAsMissing) {
     EXPECT_EQ(overrides->tmFallbackDomain, BackendClient::builtInTmFallbackDomain);
     EXPECT_EQ(overrides->apiFallbackDomain, std::nullopt);
     EXPECT_EQ(overrides->backendSelectorConfigFetchUrls, std::nullopt);
-}
 
-TEST(BackendClientTest, DeveloperKeysOfTheRightTypeAreApplied) {
+    // Every key of the right type.
     using Overrides = VLVpnClient::VLVpnBackendClientProtocolEv1Overrides;
     const std::pair<DevConfigKey, std::optional<std::string> Overrides::*> strings[] = {
         {DevConfigKey::authTxtDomain, &Overrides::authTxtDomain},
@@ -80,18 +79,17 @@ TEST(BackendClientTest, DeveloperKeysOfTheRightTypeAreApplied) {
         {DevConfigKey::apiFallbackDomain, &Overrides::apiFallbackDomain},
         {DevConfigKey::tmTxtDomain, &Overrides::tmTxtDomain},
         {DevConfigKey::tmFallbackDomain, &Overrides::tmFallbackDomain}};
-    FakeDevConfig all;
-    all.values = {{DevConfigKey::disableOutboundInterfaceBinding, true},
-                  {DevConfigKey::configFetchTimeoutMs, 2500},
-                  {DevConfigKey::configFetchUrls, json::array({"https://a.test/c", "https://b.test/c"})}};
-    for (const auto& [key, member] : strings) all.values[key] = std::string(VpnHelper::rawValue(key)) + ".test";
-    const auto config = all.makeConfig();
-    EXPECT_TRUE(config->disableOutboundInterfaceBinding);
-    EXPECT_EQ(config->backendSelectorConfigFetchTimeoutMs, 2500);
-    EXPECT_EQ(config->protocolConfigOverrides->backendSelectorConfigFetchUrls,
+    devConfig.values = {{DevConfigKey::disableOutboundInterfaceBinding, true},
+                        {DevConfigKey::configFetchTimeoutMs, 2500},
+                        {DevConfigKey::configFetchUrls, json::array({"https://a.test/c", "https://b.test/c"})}};
+    for (const auto& [key, member] : strings) devConfig.values[key] = std::string(VpnHelper::rawValue(key)) + ".test";
+    const auto all = devConfig.makeConfig();
+    EXPECT_TRUE(all->disableOutboundInterfaceBinding);
+    EXPECT_EQ(all->backendSelectorConfigFetchTimeoutMs, 2500);
+    EXPECT_EQ(all->protocolConfigOverrides->backendSelectorConfigFetchUrls,
               (std::vector<std::string>{"https://a.test/c", "https://b.test/c"}));
     for (const auto& [key, member] : strings) {
-        EXPECT_EQ((*config->protocolConfigOverrides).*member, std::string(VpnHelper::rawValue(key)) + ".test");
+        EXPECT_EQ((*all->protocolConfigOverrides).*member, std::string(VpnHelper::rawValue(key)) + ".test");
     }
 }
 

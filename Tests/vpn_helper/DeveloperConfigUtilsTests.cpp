@@ -1,6 +1,5 @@
 #include "vpn_helper/DeveloperConfigUtils.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -80,42 +79,39 @@ TEST_F(DeveloperConfigUtilsTest, AbsentFileIsCheckedOnEveryReadUntilOneLoads) {
     EXPECT_EQ(count(kReload), 1);
 }
 
-TEST_F(DeveloperConfigUtilsTest, ArraysAndInvalidJsonMakeEveryKeyMissingForGood) {
-    for (const char* text : {R"(["auth_txt_domain"])", R"({"auth_txt_domain": )"}) {
-        DeveloperConfigUtils fresh(write(text));
-        EXPECT_TRUE(fresh.checkFile());
-        for (DevConfigKey key : VpnHelper::allDevConfigKeys) EXPECT_EQ(fresh[key], std::nullopt);
-    }
-    EXPECT_EQ(count("E: (DeveloperConfigUtils: parse()) Valid JSON, but invalid dev config JSON"), 1);
-    EXPECT_THAT(log.recorder().lines(), ::testing::Contains(::testing::StartsWith(
-                                            "E: (DeveloperConfigUtils: parse()) Can't convert dev config json with "
-                                            "error: [json.exception.parse_error")).Times(1));
-    EXPECT_EQ(count(kReload), 2);
-    EXPECT_EQ(DeveloperConfigUtils(std::nullopt)[DevConfigKey::apiTxtDomain], std::nullopt);
-    EXPECT_EQ(count(kCheck + "Can't obtain url for dev config file."), 1);
-}
-
-TEST_F(DeveloperConfigUtilsTest, HostileFilesAreRefusedBeforeAnyValueIsBuilt) {
+// Invalid JSON, JSON that is no object and files beyond the limits (refused
+// before any value is built) answer nothing for every key, for good.
+TEST_F(DeveloperConfigUtilsTest, UnusableContentsMakeEveryKeyMissingForGood) {
     const auto nested = [](size_t levels) {
         return R"({"config_fetch_urls": )" + std::string(levels, '[') + std::string(levels, ']') + "}";
     };
-    const auto refused = [&](const std::string& text, const std::string& reason) {
-        const std::string line = "E: (DeveloperConfigUtils: parse()) Can't convert dev config json with error: " + reason;
-        long before = count(line);
-        DeveloperConfigUtils fresh(write(text));
-        EXPECT_EQ(fresh[DevConfigKey::configFetchUrls], std::nullopt) << reason;
-        EXPECT_EQ(fresh[DevConfigKey::authTxtDomain], std::nullopt) << reason;
-        EXPECT_EQ(count(line), before + 1);
-    };
-    refused(nested(100'000), "nesting deeper than 64 levels");
-    refused(nested(64), "nesting deeper than 64 levels");
     std::string padded = R"({"auth_txt_domain": "ok", "pad": ")";
     padded += std::string(DeveloperConfigUtils::maxFileSize - padded.size() - 1, 'x') + "\"}";
-    refused(padded, "devConfig.json is larger than 1048576 bytes");
-    refused(std::string(R"({"auth_txt_domain": "ok"})") + '\0' + "garbage", "unexpected NUL byte at offset 25");
-
+    const std::string refused = "E: (DeveloperConfigUtils: parse()) Can't convert dev config json with error: ";
+    const std::pair<std::string, std::string> cases[] = {
+        {R"(["auth_txt_domain"])", "E: (DeveloperConfigUtils: parse()) Valid JSON, but invalid dev config JSON"},
+        {R"({"auth_txt_domain": )", refused + "[json.exception.parse_error"},
+        {nested(100'000), refused + "nesting deeper than 64 levels"},
+        {nested(64), refused + "nesting deeper than 64 levels"},
+        {padded, refused + "devConfig.json is larger than 1048576 bytes"},
+        {R"({"auth_txt_domain": "ok"})" + std::string(1, '\0') + "tail", refused + "unexpected NUL byte at offset 25"},
+    };
+    for (const auto& [text, reason] : cases) {
+        SCOPED_TRACE(reason);
+        const size_t before = log.recorder().lines().size();
+        DeveloperConfigUtils fresh(write(text));
+        EXPECT_TRUE(fresh.checkFile());
+        for (DevConfigKey key : VpnHelper::allDevConfigKeys) EXPECT_EQ(fresh[key], std::nullopt);
+        const auto lines = log.recorder().lines();
+        EXPECT_EQ(std::count(lines.begin() + long(before), lines.end(), kReload), 1);
+        EXPECT_EQ(std::count_if(lines.begin() + long(before), lines.end(),
+                                [&](const std::string& line) { return line.starts_with(reason); }),
+                  1);
+    }
     DeveloperConfigUtils atTheLimits(write(nested(63)));  // 63 arrays in the top-level object: 64 levels
     EXPECT_EQ(atTheLimits[DevConfigKey::configFetchUrls], nlohmann::json::parse(nested(63))["config_fetch_urls"]);
+    EXPECT_EQ(DeveloperConfigUtils(std::nullopt)[DevConfigKey::apiTxtDomain], std::nullopt);
+    EXPECT_EQ(count(kCheck + "Can't obtain url for dev config file."), 1);
 }
 
 // An attacker swaps the path between the good file and a symbolic or hard

@@ -107,11 +107,10 @@ TEST(LocationsTests, WithoutLocalLibraryOrGroupContainer) {
     EXPECT_FALSE(fs::exists("/Library"));
     EXPECT_EQ(Locations::sharedLogsFolder(), sharedLogs);
 
-    EXPECT_FALSE(Locations::groupLogsFolder());
-    EXPECT_FALSE(Locations::groupLogsFolder());
-    EXPECT_FALSE(Locations::appGroupFolder());
-    EXPECT_FALSE(Locations::groupDataFolder());
-    EXPECT_FALSE(Locations::tmpStorageFolder());
+    for (auto* folder : {&Locations::groupLogsFolder, &Locations::groupLogsFolder, &Locations::appGroupFolder,
+                         &Locations::groupDataFolder, &Locations::tmpStorageFolder}) {
+        EXPECT_FALSE(folder());
+    }
     EXPECT_EQ(capture.recorder().lines(),
               (std::vector<std::string>{"E: (Locations: Locations) Failed to get app group directory",
                                         "E: (Locations: Locations) Failed to get group logs directory"}));

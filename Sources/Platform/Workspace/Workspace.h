@@ -41,6 +41,19 @@ public:
     /// string value. Never throws.
     static std::optional<std::string> bundleIdentifier(const std::filesystem::path& bundlePath);
 
+    /// How long activateFileViewerSelecting() waits for the file manager.
+    static constexpr std::chrono::milliseconds fileViewerTimeout{2000};
+
+    /// Shows urls selected in the file manager: the call ShowItems(as uris,
+    /// s startupId) of org.freedesktop.FileManager1 at /org/freedesktop/FileManager1
+    /// on the session bus (DBUS_SESSION_BUS_ADDRESS, else $XDG_RUNTIME_DIR/bus),
+    /// with the absolute paths as file URIs and an empty startup id. Blocks
+    /// until the file manager answers, at most fileViewerTimeout. True when it
+    /// accepted the call; false, with one console line saying why, when there
+    /// is no session bus, no file manager answers in time or it refuses. An
+    /// empty list asks nothing and gives true. Thread-safe; never throws.
+    bool activateFileViewerSelecting(const std::vector<std::filesystem::path>& urls) const;
+
 private:
     std::vector<std::filesystem::path> searchRoots_;
 };

@@ -2,7 +2,6 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 
-#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -123,34 +122,18 @@ TEST(LaunchctlTest, MapsEachSubcommandOntoSystemctlAndItsAnswersOntoLaunchctlRes
     }
 }
 
-// Sets PATH for the test and puts the old value back.
-class PathSetting {
-public:
-    explicit PathSetting(const std::string& path) {
-        if (const char* old = getenv("PATH")) old_ = old;
-        setenv("PATH", path.c_str(), 1);
-    }
-    ~PathSetting() { old_ ? setenv("PATH", old_->c_str(), 1) : unsetenv("PATH"); }
-    PathSetting(const PathSetting&) = delete;
-    PathSetting& operator=(const PathSetting&) = delete;
-
-private:
-    std::optional<std::string> old_;
-};
-
 TEST(LaunchctlTest, RunSystemctlRunsTheOneOnPathWithItsArgumentsAndCapturesAllOfItsOutput) {
     TestSupport::TemporaryDirectory dir{"systemctl-path"};
     // More output than a pipe holds: it must be read while the child runs.
     writeFile(dir / "systemctl", "#!/bin/sh\nprintf '%s|' \"$@\"\n/usr/bin/head -c 100000 /dev/zero\nexit 3\n");
     ASSERT_EQ(chmod((dir / "systemctl").c_str(), 0755), 0);
     std::filesystem::create_directories(dir / "empty");
-    {
-        PathSetting path((dir / "empty").string() + ":" + dir.path().string());
-        auto result = Launchd::runSystemctl({"show", "--value", "a b"});
-        EXPECT_EQ(result.status, 3);
-        EXPECT_EQ(result.output, "show|--value|a b|" + std::string(100000, '\0'));
-    }
-    PathSetting path((dir / "empty").string());
+    // Each test runs in a process of its own: PATH need not be put back.
+    ASSERT_EQ(setenv("PATH", ((dir / "empty").string() + ":" + dir.path().string()).c_str(), 1), 0);
+    auto result = Launchd::runSystemctl({"show", "--value", "a b"});
+    EXPECT_EQ(result.status, 3);
+    EXPECT_EQ(result.output, "show|--value|a b|" + std::string(100000, '\0'));
+    ASSERT_EQ(setenv("PATH", (dir / "empty").c_str(), 1), 0);
     EXPECT_EQ(Launchd::runSystemctl({"show"}).status, 127);
 }
 

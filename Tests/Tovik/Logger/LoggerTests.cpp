@@ -3,43 +3,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <mutex>
 #include <thread>
+
+#include "Support/LogCapture.h"
 
 using namespace Tovik;
 using ::testing::ElementsAre;
-
-namespace {
-
-struct Entry {
-    LogLevel level;
-    Date date;
-    std::string text;
-    bool operator==(const Entry&) const = default;
-};
-
-class RecordingHandler : public LogHandlerProtocol {
-public:
-    void log(LogLevel level, Date date, std::string_view text) noexcept override {
-        std::lock_guard guard(mutex_);
-        entries_.push_back({level, date, std::string(text)});
-    }
-    std::vector<Entry> entries() const {
-        std::lock_guard guard(mutex_);
-        return entries_;
-    }
-    std::vector<std::string> texts() const {
-        std::vector<std::string> result;
-        for (const auto& entry : entries()) result.push_back(entry.text);
-        return result;
-    }
-
-private:
-    mutable std::mutex mutex_;
-    std::vector<Entry> entries_;
-};
-
-}  // namespace
+using RecordingHandler = TestSupport::RecordingLogHandler;
 
 TEST(LoggerTests, FormatsLetterAndLocation) {
     // Warning, info and error records through the macros are checked below.
@@ -54,13 +24,11 @@ TEST(LoggerTests, FormatsLetterAndLocation) {
 // The macros, the string bridges and the shortcuts on the shared logger: messages
 // below the threshold are never built, the others once, for every handler alike.
 TEST(LoggerTests, SharedLoggerBuildsMessagesOnlyAboveThreshold) {
+    TestSupport::ScopedLogCapture restored(LogLevel::debug);  // puts the shared handlers and level back
     Logger& logger = Logger::shared();
-    const LogLevel savedLevel = logger.logLevel();
-    const Logger::HandlerList savedHandlers = logger.handlers();
     auto first = std::make_shared<RecordingHandler>();
     auto second = std::make_shared<RecordingHandler>();
     logger.setHandlers({first, second});
-    logger.setLogLevel(LogLevel::debug);
 
     int evaluations = 0;
     auto expensive = [&] {
@@ -77,11 +45,9 @@ TEST(LoggerTests, SharedLoggerBuildsMessagesOnlyAboveThreshold) {
     TovikLog(-1, "out of range", "x/Plain.c", "main", 1);
     TovikLog(2, nullptr, nullptr, nullptr, 1);
     Logger::warn([] { return std::string("shortcut"); }, "Tovik/Short.cpp", "s()", 1);
-    logger.setLogLevel(savedLevel);
-    logger.setHandlers(savedHandlers);
 
     EXPECT_EQ(evaluations, 1);
-    EXPECT_THAT(first->texts(),
+    EXPECT_THAT(first->lines(),
                 ElementsAre("D: (LoggerTests: macro()) kept value", "I: (LoggerTests) informed",
                             "E: (LoggerTests: macro(with:)) failed", "E: (Caller: call:) 100%d %@",
                             "D: (Plain: main) from C", "I: ", "W: (Short) shortcut"));

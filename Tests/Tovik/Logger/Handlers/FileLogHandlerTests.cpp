@@ -38,22 +38,12 @@ Date localDate(const char* text) {
     return Clock::from_time_t(std::mktime(&fields));
 }
 
-// The text after "[S] " of the n-th record in a file from `offset` on ("" when there is none).
-std::string recordText(const std::string& path, size_t n = 0, int64_t offset = 0) {
+// The texts after "[S] " of the records in a file from `offset` on, cut to 200
+// bytes, and "torn" for a piece that is not one whole record of one line.
+std::vector<std::string> recordTexts(const std::string& path, size_t offset = 0) {
     std::ifstream file(path, std::ios::binary);
-    file.seekg(offset);
+    file.seekg(std::streamoff(offset));
     const std::string contents{std::istreambuf_iterator<char>(file), {}};
-    size_t start = contents.find(FileLogHandler::RECORD_SEPARATOR);
-    while (n-- > 0 && start != std::string::npos) start = contents.find(FileLogHandler::RECORD_SEPARATOR, start + 1);
-    const size_t text = contents.find("[S] ", start);
-    const size_t end = contents.find('\n', text);
-    return end == std::string::npos ? "" : contents.substr(text + 4, end - text - 4);
-}
-
-// The texts after "[S] " of the records in a file, cut to 100 bytes, and
-// "torn" for a piece that is not one whole record of one line.
-std::vector<std::string> recordTexts(const std::string& path) {
-    const std::string contents = readFile(path);
     std::vector<std::string> texts;
     for (size_t start = 0, end; start < contents.size(); start = end) {
         end = std::min(contents.find(FileLogHandler::RECORD_SEPARATOR, start + 1), contents.size());
@@ -61,9 +51,15 @@ std::vector<std::string> recordTexts(const std::string& path) {
         const size_t text = record.find("[S] ");
         const bool whole = record.front() == FileLogHandler::RECORD_SEPARATOR && text != std::string_view::npos &&
                            record.find('\n') == record.size() - 1;
-        texts.emplace_back(whole ? record.substr(text + 4, std::min<size_t>(record.size() - text - 5, 100)) : "torn");
+        texts.emplace_back(whole ? record.substr(text + 4, std::min<size_t>(record.size() - text - 5, 200)) : "torn");
     }
     return texts;
+}
+
+// The n-th of those texts; "" when that record is missing or not whole (yet).
+std::string recordText(const std::string& path, size_t n = 0, size_t offset = 0) {
+    const auto texts = recordTexts(path, offset);
+    return n < texts.size() && texts[n] != "torn" ? texts[n] : "";
 }
 
 // A text whose record, as this thread writes it for subsystem S, is `size` bytes long.
@@ -139,9 +135,11 @@ TEST_F(FileLogHandlerTest, RotatesAtFiftyMiBOrAtTwoMiBAfterFortyEightHours) {
         FileLogHandler handler("S", path_, true, {.firstCheckDelay = 0});
         // The check's report follows the checked contents; a rotation moves both to generation 1.
         const bool rotated = !report.starts_with("No need");
-        ASSERT_TRUE(waitUntil([&] { return recordText(path_, 0, rotated ? 0 : size) != ""; }));
-        EXPECT_EQ(recordText(rotated ? rotated_ : path_, 0, size), "I: (FileLogHandler) " + report);
-        EXPECT_EQ(recordText(path_), "I: (FileLogHandler) " + (rotated ? "Log file has been rotated" : report));
+        const size_t next = rotated ? 0 : size_t(size);  // where the active file's next record starts
+        ASSERT_TRUE(waitUntil([&] { return recordText(path_, 0, next) != ""; }));
+        EXPECT_EQ(recordText(rotated ? rotated_ : path_, 0, size_t(size)), "I: (FileLogHandler) " + report);
+        EXPECT_EQ(recordText(path_, 0, next),
+                  "I: (FileLogHandler) " + (rotated ? "Log file has been rotated" : report));
         EXPECT_EQ(fs::exists(rotated_), rotated);
     }
 }
@@ -158,9 +156,9 @@ TEST_F(FileLogHandlerTest, RotationReplacesGenerationOneAndStartsTheFileAnew) {
 
     EXPECT_EQ(recordText(path_, 0), "I: (FileLogHandler) Log file has been rotated");
     EXPECT_EQ(recordText(path_, 1), "I: (X) next");
-    EXPECT_TRUE(readFile(rotated_).starts_with("old records\n\x1e"));
-    EXPECT_EQ(recordText(rotated_), "I: (FileLogHandler) Log file size is 12 bytes, which is more than 10. "
-                                    "It needs to be rotated.");
+    EXPECT_TRUE(readFile(rotated_).starts_with("old records\n"));
+    EXPECT_EQ(recordTexts(rotated_, 12), std::vector<std::string>{"I: (FileLogHandler) Log file size is 12 bytes, "
+                                                                  "which is more than 10. It needs to be rotated."});
     // The copy replaces the old generation (never writes through it) and keeps the mode.
     EXPECT_EQ(readFile(link), "previous generation\n");
     EXPECT_EQ(fs::status(rotated_).permissions(), fs::perms(0640));
@@ -226,7 +224,7 @@ TEST_F(FileLogHandlerTest, FullDiskKeepsRecordsWholeAndGenerationOneIntact) {
     }
     writer.log(LogLevel::info, Clock::now(), "I: (X) next");
     EXPECT_EQ(recordTexts(rotated_),
-              (std::vector<std::string>{first.substr(0, 100), "I: (X) after",
+              (std::vector<std::string>{first.substr(0, 200), "I: (X) after",
                                         "I: (FileLogHandler) Log file size is " + std::to_string(size) +
                                             " bytes, which is more than 10. It needs to be rotated."}));
     EXPECT_EQ(recordTexts(path_),

@@ -1,0 +1,731 @@
+#include "Tovik/Logger/FileLogManager.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <system_error>
+#include <utility>
+
+#include "Kernel/FileDescriptor.h"
+#include "Tovik/FileUtils.h"
+#include "Tovik/Logger/Handlers/FileLogHandler.h"
+#include "Tovik/Logger/Logger.h"
+
+namespace Tovik {
+
+namespace {
+
+using SearchResult = FileLogManager::SearchResult;
+using Kind = SearchResult::Kind;
+using Range = FileLogManager::Range;
+
+constexpr char RS = FileLogHandler::RECORD_SEPARATOR;
+// After the key's "y-MM-dd HH:mm:ss", a header date holds ".SSS".
+constexpr int64_t fractionLength = 4;
+// A record whose subsystem is not known within this many bytes has none.
+constexpr size_t maxHeaderLength = 512;
+// Extracts are written once this much is waiting for them.
+constexpr size_t maxPendingBytes = 4 << 20;
+
+constexpr const char* doSaveLogsLabel = "doSaveLogs(_:selecting:in:opts:)";
+constexpr const char* copyfileLabel = "copyfile(_:to:append:maxSize:seekSeparator:)";
+
+// Throws errno, taken before `label()` builds the text.
+template <class Label>
+[[noreturn]] void throwErrno(Label&& label) {
+    const int error = errno;
+    throw std::system_error(error, std::generic_category(), label());
+}
+
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+bool isHexDigit(char c) { return isDigit(c) || (c >= 'a' && c <= 'f'); }
+
+std::string rangeText(int64_t start, int64_t end) { return std::to_string(start) + "..<" + std::to_string(end); }
+
+// A subsystem name that can also be a file name: printable ASCII without "/",
+// not "." or "..", short enough for ".log" and the temporary name of a copy
+// (".<name>.log.XXXXXX") to stay within NAME_MAX.
+constexpr size_t maxSubsystemNameLength = 128;
+bool isUsableName(std::string_view name) {
+    if (name.empty() || name.size() > maxSubsystemNameLength || name == "." || name == "..") return false;
+    return std::all_of(name.begin(), name.end(), [](char c) { return c >= 0x20 && c < 0x7f && c != '/'; });
+}
+
+Kernel::FileDescriptor openFile(const std::string& path, int flags, const std::string& label) {
+    Kernel::FileDescriptor file(::open(path.c_str(), flags | O_CLOEXEC, 0660));
+    if (!file) throwErrno([&] { return label + ": open (" + path + ")"; });
+    return file;
+}
+
+void writeFile(int fd, std::string_view bytes, const std::string& path, const std::string& label) {
+    if (!Kernel::writeAll(fd, bytes)) throwErrno([&] { return label + ": write (" + path + ")"; });
+}
+
+// flock(LOCK_EX) for a scope, as FileLogHandler takes it.
+class ExclusiveFileLock {
+public:
+    ExclusiveFileLock(int fd, const std::string& path, const std::string& label) : fd_(fd) {
+        while (::flock(fd_, LOCK_EX) != 0) {
+            if (errno != EINTR) throwErrno([&] { return label + ": flock (" + path + ")"; });
+        }
+    }
+    ~ExclusiveFileLock() { ::flock(fd_, LOCK_UN); }
+    ExclusiveFileLock(const ExclusiveFileLock&) = delete;
+    ExclusiveFileLock& operator=(const ExclusiveFileLock&) = delete;
+
+private:
+    int fd_;
+};
+
+// A folder removed with its contents when the scope ends, however it ends.
+class TemporaryFolder {
+public:
+    explicit TemporaryFolder(std::filesystem::path path) : path_(std::move(path)) {}
+    ~TemporaryFolder() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+    const std::filesystem::path& path() const { return path_; }
+
+private:
+    std::filesystem::path path_;
+};
+
+std::string fileName(const std::string& path) { return std::filesystem::path(path).filename().string(); }
+
+// ---- Reading clones --------------------------------------------------------
+
+// A clone opened for reading at any offset; every byte read is counted.
+class CopyReader {
+public:
+    CopyReader(std::string path, std::atomic<int64_t>& counter)
+        : path_(std::move(path)), file_(openFile(path_, O_RDONLY, doSaveLogsLabel)), counter_(counter) {
+        struct stat status {};
+        if (::fstat(file_.get(), &status) != 0)
+            throwErrno([&] { return std::string(doSaveLogsLabel) + ": fstat (" + path_ + ")"; });
+        size_ = status.st_size;
+    }
+
+    const std::string& path() const { return path_; }
+    int64_t size() const { return size_; }
+
+    // Up to `length` bytes from `offset`; fewer only at the end of the file.
+    std::string_view read(int64_t offset, int64_t length) {
+        length = std::max<int64_t>(0, std::min(length, size_ - offset));
+        if (buffer_.size() < static_cast<size_t>(length)) buffer_.resize(static_cast<size_t>(length));
+        int64_t done = 0;
+        while (done < length) {
+            const ssize_t got =
+                ::pread(file_.get(), buffer_.data() + done, static_cast<size_t>(length - done), offset + done);
+            if (got < 0) {
+                if (errno == EINTR) continue;
+                throwErrno([&] { return std::string(doSaveLogsLabel) + ": read (" + path_ + ")"; });
+            }
+            if (got == 0) break;
+            done += got;
+        }
+        counter_.fetch_add(done, std::memory_order_relaxed);
+        return {buffer_.data(), static_cast<size_t>(done)};
+    }
+
+private:
+    std::string path_;
+    Kernel::FileDescriptor file_;
+    int64_t size_ = 0;
+    std::vector<char> buffer_;
+    std::atomic<int64_t>& counter_;
+};
+
+// ---- Finding a period in a clone -------------------------------------------
+
+// Where records with a given predicate start in a clone: the first record
+// not earlier than the key (afterKey false) or the first record later than
+// it (afterKey true). Known so far: every record starting before `lo` fails
+// the predicate, no record starts in [hi, answer), and the record at `answer`
+// holds it (or answer is the end of the clone). Done once lo >= hi.
+struct Boundary {
+    std::string key;
+    bool afterKey = false;
+    int64_t lo = 0;
+    int64_t hi = 0;
+    int64_t answer = 0;
+
+    bool done() const { return lo >= hi; }
+};
+
+// A block of a clone. Every record separator before `limit` starts either a
+// whole header or none (the block does not cut it); records are known for
+// every offset in [start, coveredEnd).
+struct Block {
+    int64_t start = 0;
+    std::string_view data;
+    int64_t limit = 0;
+    int64_t coveredEnd = 0;
+};
+
+Block readBlock(CopyReader& reader, std::string_view key, int64_t start, int64_t length) {
+    Block block{start, reader.read(start, length), 0, 0};
+    const int64_t size = static_cast<int64_t>(block.data.size());
+    const int64_t need = static_cast<int64_t>(key.size()) + fractionLength;
+    block.limit = size;
+    // The first separator whose header the end of the block cuts; one before
+    // it either holds a whole header or holds none (a header reaching across
+    // it would hold its 0x1E).
+    for (size_t at = block.data.find(RS, size_t(std::max<int64_t>(size - need, 0))); at != std::string_view::npos;
+         at = block.data.find(RS, at + 1)) {
+        if (FileLogManager::compareDate(key, block.data, {int64_t(at), size}).kind() == Kind::incompleteData) {
+            block.limit = int64_t(at);
+            break;
+        }
+    }
+    // At the end of the clone a cut header is no header: nothing follows it.
+    block.coveredEnd = start + size >= reader.size() ? reader.size() : start + block.limit;
+    return block;
+}
+
+// Narrows `bound` by what `block` shows; no record starts in [knownFrom,
+// block.start). True when a record lies in the part of the block that matters.
+bool learn(Boundary& bound, int64_t knownFrom, const Block& block) {
+    if (bound.done()) return false;
+    const int64_t from = std::max(block.start, bound.lo), to = std::min(block.coveredEnd, bound.hi);
+    if (from >= to) return false;
+    const Range range{from - block.start, std::min(to - block.start, block.limit)};
+    const bool connected = knownFrom <= bound.lo;  // no record is unknown between lo and the block's part
+    const SearchResult result = FileLogManager::searchDate(bound.key, block.data, range, !bound.afterKey);
+    const int64_t at = block.start + result.offset();
+    auto settle = [&](int64_t answer) { bound.answer = bound.hi = answer; };
+    switch (result.kind()) {
+        case Kind::notFound:
+        case Kind::incompleteData:  // none: the range ends before the first cut header
+            if (connected) bound.lo = to;
+            if (to == bound.hi) bound.hi = knownFrom;
+            return false;
+        case Kind::foundEarlierDate:
+            if (bound.afterKey) break;
+            bound.lo = at + 1;  // every record of the part is earlier
+            if (to == bound.hi) bound.lo = bound.hi;
+            return true;
+        case Kind::found:
+            if (bound.afterKey) break;
+            [[fallthrough]];
+        case Kind::foundLaterDate: {
+            settle(at);  // the first record with the predicate
+            const auto first = FileLogManager::compareFirstDate(bound.key, block.data, range, false);
+            if (connected || first.offset() != result.offset()) bound.lo = bound.hi;
+            return true;
+        }
+    }
+    // afterKey: `at` is the last record not later than the key.
+    const auto next = FileLogManager::compareFirstDate(bound.key, block.data, {result.offset() + 1, range.end}, false);
+    if (next.kind() != Kind::notFound && next.kind() != Kind::incompleteData) {
+        settle(block.start + next.offset());
+        bound.lo = bound.hi;
+    } else {
+        bound.lo = at + 1;
+        if (to == bound.hi) bound.lo = bound.hi;
+    }
+    return true;
+}
+
+// Runs the bisections of `bounds` over one clone, one after the other; every
+// block read teaches all of them. The first block read is the clone's last
+// (periods asked for are mostly recent). True when a record was seen.
+bool findBoundaries(CopyReader& reader, std::vector<Boundary*> bounds, int64_t blockSize) {
+    const int64_t size = reader.size();
+    bool seen = false;
+    bool first = true;
+    for (Boundary* bound : bounds) {
+        while (!bound->done()) {
+            int64_t from = bound->hi - bound->lo <= blockSize ? bound->lo : bound->lo + (bound->hi - bound->lo) / 2;
+            if (first) from = std::max(bound->lo, size - blockSize);
+            first = false;
+            bool found = false;
+            int64_t at = from, scanned = from;
+            while (!bound->done()) {
+                const int64_t need = static_cast<int64_t>(bound->key.size()) + fractionLength;
+                const int64_t length = std::min(blockSize, bound->hi - at + need);
+                const Block block = readBlock(reader, bound->key, at, length);
+                scanned = block.coveredEnd;
+                for (Boundary* other : bounds) {
+                    if (other != bound && learn(*other, from, block)) seen = true;
+                }
+                if (learn(*bound, from, block)) {
+                    found = seen = true;
+                    break;
+                }
+                if (block.coveredEnd >= bound->hi) break;
+                at = std::max(block.coveredEnd, at + 1);  // no header here: go on to the next one
+            }
+            if (!found && scanned - from >= blockSize) {
+                TLOG_ERROR(doSaveLogsLabel, "Not found date in " + std::to_string(scanned - from) + " bytes");
+            }
+        }
+    }
+    return seen;
+}
+
+// ---- Sorting records by subsystem ------------------------------------------
+
+// Writes the records of byte ranges of clones into per-subsystem files (or
+// one file), reading each range in blocks and deciding each record by its
+// own header. Output waits in memory up to maxPendingBytes in all.
+class RecordSorter {
+public:
+    RecordSorter(const LogSubsystemSelector& selecting, std::filesystem::path folder, std::string singlePath,
+                 int64_t blockSize)
+        : selecting_(selecting), folder_(std::move(folder)), blockSize_(blockSize) {
+        if (selecting_.kind() == LogSubsystemSelector::Kind::single) {
+            single_ = &output(std::move(singlePath));
+            ::close(openFile(single_->path, O_WRONLY | O_CREAT | O_APPEND, doSaveLogsLabel).release());
+        }
+    }
+
+    void extract(CopyReader& reader, int64_t start, int64_t end) {
+        path_ = &reader.path();
+        state_ = State::outside;
+        for (int64_t at = start; at < end;) {
+            const std::string_view data = reader.read(at, std::min(blockSize_, end - at));
+            if (data.empty()) break;
+            feed(data, at);
+            at += static_cast<int64_t>(data.size());
+        }
+        endRecord(end);
+    }
+
+    std::vector<std::string> finish() {
+        flushAll();
+        std::vector<std::string> paths;
+        for (const Output* out : order_) paths.push_back(out->path);
+        return paths;
+    }
+
+private:
+    struct Output {
+        std::string path;
+        std::string pending;
+    };
+    enum class State { outside, header, writing, skipping };
+
+    void feed(std::string_view data, int64_t offset) {
+        size_t at = 0;
+        while (at < data.size()) {
+            const size_t separator = data.find(RS, at);
+            const size_t end = separator == std::string_view::npos ? data.size() : separator;
+            if (end > at) consume(data.substr(at, end - at), offset + int64_t(at));
+            if (separator == std::string_view::npos) break;
+            endRecord(offset + int64_t(separator));
+            state_ = State::header;
+            recordStart_ = offset + int64_t(separator);
+            head_.assign(1, RS);
+            at = separator + 1;
+        }
+    }
+
+    void consume(std::string_view bytes, int64_t offset) {
+        switch (state_) {
+            case State::outside:
+                TLOG_DEBUG(doSaveLogsLabel,
+                           "No record separator at " + std::to_string(offset) + " position in " + *path_);
+                state_ = State::skipping;
+                break;
+            case State::header: {
+                const size_t take = std::min(bytes.size(), maxHeaderLength - head_.size());
+                head_.append(bytes.substr(0, take));
+                decide(false);
+                if (state_ == State::writing) append(*target_, bytes.substr(take));
+                break;
+            }
+            case State::writing:
+                append(*target_, bytes);
+                break;
+            case State::skipping:
+                break;
+        }
+    }
+
+    void endRecord(int64_t end) {
+        if (state_ == State::header) decide(true);
+        if (state_ == State::skipping && unrecognized_) {
+            TLOG_DEBUG(doSaveLogsLabel, "SKIP unrecognized subsystem in range " + rangeText(recordStart_, end));
+        }
+        state_ = State::outside;
+        unrecognized_ = false;
+    }
+
+    // Settles where the record goes once its header shows its subsystem.
+    void decide(bool complete) {
+        const auto name = FileLogManager::getSubsystemNameData(head_, {0, int64_t(head_.size())});
+        if (!name && !complete && head_.size() < maxHeaderLength) return;  // the header goes on
+        Output* out = name && isUsableName(*name) ? select(*name) : nullptr;
+        unrecognized_ = !name || !isUsableName(*name);
+        if (out == nullptr) {
+            state_ = State::skipping;
+        } else {
+            state_ = State::writing;
+            target_ = out;
+            append(*out, head_);
+        }
+        head_.clear();
+    }
+
+    Output* select(std::string_view name) {
+        const auto& names = selecting_.names();
+        const bool listed = std::find(names.begin(), names.end(), name) != names.end();
+        switch (selecting_.kind()) {
+            case LogSubsystemSelector::Kind::single:
+                return listed ? single_ : nullptr;
+            case LogSubsystemSelector::Kind::some:
+                if (!listed) return nullptr;
+                [[fallthrough]];
+            case LogSubsystemSelector::Kind::all:
+                return &output((folder_ / (std::string(name) + ".log")).string());
+            case LogSubsystemSelector::Kind::whole:
+                break;
+        }
+        return nullptr;
+    }
+
+    Output& output(std::string path) {
+        auto [entry, added] = outputs_.try_emplace(path, Output{path, {}});
+        if (added) order_.push_back(&entry->second);
+        return entry->second;
+    }
+
+    void append(Output& out, std::string_view bytes) {
+        out.pending.append(bytes);
+        pendingBytes_ += bytes.size();
+        if (pendingBytes_ > maxPendingBytes) flushAll();
+    }
+
+    void flushAll() {
+        for (Output* out : order_) {
+            if (out->pending.empty()) continue;
+            Kernel::FileDescriptor file = openFile(out->path, O_WRONLY | O_CREAT | O_APPEND, doSaveLogsLabel);
+            writeFile(file.get(), out->pending, out->path, doSaveLogsLabel);
+            std::string().swap(out->pending);
+        }
+        pendingBytes_ = 0;
+    }
+
+    const LogSubsystemSelector& selecting_;
+    const std::filesystem::path folder_;
+    const int64_t blockSize_;
+    const std::string* path_ = nullptr;  // the clone being read, for reports
+    std::map<std::string, Output> outputs_;
+    std::vector<Output*> order_;  // in the order first written
+    Output* single_ = nullptr;
+    size_t pendingBytes_ = 0;
+
+    State state_ = State::outside;
+    int64_t recordStart_ = 0;
+    std::string head_;  // the record's bytes while its subsystem is not known yet
+    Output* target_ = nullptr;
+    bool unrecognized_ = false;
+};
+
+}  // namespace
+
+// ---- FileLogManager ----------------------------------------------------------
+
+FileLogManager::FileLogManager(std::string logPath, std::size_t readBufferSize)
+    : filepath_(std::move(logPath)),
+      blockSize_(static_cast<int64_t>(std::clamp<std::size_t>(readBufferSize, 64, std::size_t(1) << 30))) {}
+
+std::vector<std::string> FileLogManager::saveLogs(const LogSubsystemSelector& selecting, const std::string& inFolder,
+                                                  const LogSavingOpts& opts) {
+    if (selecting.kind() == LogSubsystemSelector::Kind::whole && !opts.startDate && !opts.endDate) {
+        return {saveWholeLog(inFolder, opts.maxSize)};
+    }
+    const int64_t budget = std::max<int64_t>(0, opts.maxSize.value_or(INT64_MAX));
+    const TemporaryFolder temporary(
+        FileUtils::makeTemporaryFolder("log", inFolder, "saveLogs(selecting:inFolder:opts:)"));
+    const std::filesystem::path subsystems = temporary.path() / "subsystems";
+    std::filesystem::create_directories(subsystems);
+
+    const std::vector<TempFile> files = prepareTempFiles(temporary.path().string(), std::nullopt);
+    std::vector<std::string> saved;
+    for (const std::string& extract : doSaveLogs(files, selecting, subsystems.string(), opts)) {
+        const std::string destination = (std::filesystem::path(inFolder) / fileName(extract)).string();
+        copyfile(extract, destination, false, -budget, RS);
+        saved.push_back(destination);
+    }
+    return saved;
+}
+
+void FileLogManager::resetLog() {
+    constexpr const char* label = "resetLog()";
+    std::vector<std::string> failures;
+    {
+        const Kernel::FileDescriptor file = openFile(filepath_, O_RDWR, label);
+        const ExclusiveFileLock lock(file.get(), filepath_, label);
+        const std::string rotated = FileLogHandler::rotatedFilePath(filepath_, 1);
+        struct stat status {};
+        if (::lstat(rotated.c_str(), &status) == 0 && ::unlink(rotated.c_str()) != 0) {
+            const int error = errno;
+            failures.push_back("unlink (" + rotated + "). " + FileLogHandler::errorNumberText(error));
+        }
+        if (::ftruncate(file.get(), 0) != 0) {
+            const int error = errno;
+            failures.push_back("truncate (" + filepath_ + "). " + FileLogHandler::errorNumberText(error));
+        }
+    }
+    // Only now: a handler of this process writing to this very file would
+    // wait for the lock forever.
+    for (const std::string& failure : failures) TLOG_ERROR(label, failure);
+}
+
+std::string FileLogManager::saveWholeLog(const std::string& in, std::optional<int64_t> maxSize) {
+    const int64_t budget = std::max<int64_t>(0, maxSize.value_or(INT64_MAX));
+    const TemporaryFolder temporary(FileUtils::makeTemporaryFolder("log", in, "saveWholeLog(in:maxSize:)"));
+    const std::string destination = (std::filesystem::path(in) / fileName(filepath_)).string();
+    const std::vector<TempFile> files = prepareTempFiles(temporary.path().string(), budget);
+    bool written = false;
+    for (auto file = files.rbegin(); file != files.rend(); ++file) {
+        const int64_t remaining = budget - file->offset;
+        if (file->size == 0 || remaining <= 0) continue;
+        copyfile(file->path, destination, written, -remaining, RS);
+        written = true;
+    }
+    if (!written) openFile(destination, O_WRONLY | O_CREAT | O_TRUNC, "saveWholeLog(in:maxSize:)");
+    return destination;
+}
+
+std::vector<FileLogManager::TempFile> FileLogManager::prepareTempFiles(const std::string& in,
+                                                                       std::optional<int64_t> maxSize) {
+    std::vector<TempFile> files;
+    int64_t listed = 0;
+    for (const std::string& path : duplicateLogFiles(in)) {
+        if (maxSize && listed > *maxSize) break;
+        struct stat status {};
+        if (::stat(path.c_str(), &status) != 0) {
+            const std::system_error error(errno, std::generic_category(),
+                                          "prepareTempFiles(in:maxSize:): stat (" + path + ")");
+            TLOG_ERROR("prepareTempFiles(in:maxSize:)", error.what());
+            continue;
+        }
+        files.push_back({path, status.st_size, listed});
+        listed += status.st_size;
+    }
+    return files;
+}
+
+std::vector<std::string> FileLogManager::duplicateLogFiles(const std::string& to) {
+    constexpr const char* label = "duplicateLogFiles(to:)";
+    const Kernel::FileDescriptor file = openFile(filepath_, O_RDONLY, label);
+    const ExclusiveFileLock lock(file.get(), filepath_, label);
+    std::vector<std::string> clones{(std::filesystem::path(to) / fileName(filepath_)).string()};
+    FileLogHandler::clonefile(filepath_, clones.back());
+    const std::string rotated = FileLogHandler::rotatedFilePath(filepath_, 1);
+    struct stat status {};
+    if (::stat(rotated.c_str(), &status) == 0) {
+        clones.push_back((std::filesystem::path(to) / fileName(rotated)).string());
+        FileLogHandler::clonefile(rotated, clones.back());
+    }
+    return clones;
+}
+
+void FileLogManager::copyfile(const std::string& source, const std::string& to, bool append, int64_t maxSize,
+                              std::optional<char> seekSeparator) {
+    struct stat status {};
+    if (::stat(source.c_str(), &status) != 0)
+        throwErrno([&] { return std::string(copyfileLabel) + ": stat (" + source + ")"; });
+    const int64_t size = status.st_size;
+    const int64_t offset = maxSize < 0 ? std::max<int64_t>(size + maxSize, 0) : 0;
+    const int64_t length = maxSize < 0 ? size - offset : std::min(size, maxSize);
+    if (!append && offset == 0 && length == size) {
+        FileLogHandler::clonefile(source, to);
+        return;
+    }
+    copyfile(source, to, append, offset, length, seekSeparator);
+}
+
+void FileLogManager::copyfile(const std::string& source, const std::string& to, bool append, int64_t offset,
+                              int64_t length, std::optional<char> seekSeparator) {
+    const std::string label = copyfileLabel;
+    const Kernel::FileDescriptor input = openFile(source, O_RDONLY, label);
+    const Kernel::FileDescriptor output = openFile(to, O_WRONLY | O_CREAT | O_APPEND | (append ? 0 : O_TRUNC), label);
+    if (offset > 0 && ::lseek(input.get(), offset, SEEK_SET) < 0) {
+        throwErrno([&] {
+            return label + ": lseek (" + source + ", " + std::to_string(offset) + ", " + std::to_string(0) + ")";
+        });
+    }
+    // A separator is looked for only in the first block of a span that does
+    // not start at 0.
+    bool seeking = seekSeparator.has_value() && offset > 0;
+    std::unique_ptr<char[]> buffer(new char[static_cast<size_t>(blockSize_)]);
+    while (length > 0) {
+        const ssize_t got = ::read(input.get(), buffer.get(), static_cast<size_t>(std::min(blockSize_, length)));
+        if (got < 0) {
+            if (errno == EINTR) continue;
+            throwErrno([&] { return label + ": read (" + source + ")"; });
+        }
+        if (got == 0) break;
+        bytesRead_.fetch_add(got, std::memory_order_relaxed);
+        std::string_view block(buffer.get(), static_cast<size_t>(got));
+        length -= got;
+        if (seeking) {
+            seeking = false;
+            const size_t separator = block.find(*seekSeparator);
+            if (separator != std::string_view::npos) block.remove_prefix(separator);
+        }
+        writeFile(output.get(), block, to, label);
+    }
+}
+
+std::vector<std::string> FileLogManager::doSaveLogs(const std::vector<TempFile>& files,
+                                                    const LogSubsystemSelector& selecting, const std::string& in,
+                                                    const LogSavingOpts& opts) {
+    using namespace std::chrono_literals;
+    const std::optional<std::string> startKey =
+        opts.startDate ? std::optional(searchKey(*opts.startDate - 1s)) : std::nullopt;
+    const std::optional<std::string> endKey =
+        opts.endDate ? std::optional(searchKey(*opts.endDate + 1s)) : std::nullopt;
+
+    const std::string named = (std::filesystem::path(in) / fileName(filepath_)).string();
+    const bool whole = selecting.kind() == LogSubsystemSelector::Kind::whole;
+    if (whole) ::close(openFile(named, O_WRONLY | O_CREAT | O_APPEND, doSaveLogsLabel).release());
+    RecordSorter sorter(selecting, in, named, blockSize_);
+
+    for (auto file = files.rbegin(); file != files.rend(); ++file) {
+        CopyReader reader(file->path, bytesRead_);
+        const int64_t size = reader.size();
+        if (size == 0) continue;
+        Boundary start{startKey.value_or(""), false, 0, size, size};
+        Boundary end{endKey.value_or(""), true, 0, size, size};
+        std::vector<Boundary*> bounds;
+        if (startKey) bounds.push_back(&start);
+        if (endKey) bounds.push_back(&end);
+        if (!bounds.empty() && !findBoundaries(reader, bounds, blockSize_)) {
+            TLOG_ERROR(doSaveLogsLabel, "No Date found in " + file->path);
+            continue;
+        }
+        const int64_t from = startKey ? start.answer : 0, to = endKey ? end.answer : size;
+        if (from >= to) continue;
+        if (whole) {
+            copyfile(file->path, named, true, from, to - from, RS);
+        } else {
+            sorter.extract(reader, from, to);
+        }
+    }
+    return whole ? std::vector<std::string>{named} : sorter.finish();
+}
+
+// ---- Looking into records ------------------------------------------------------
+
+std::optional<std::string_view> FileLogManager::getSubsystemNameData(std::string_view data, Range recordRange) {
+    const size_t end = static_cast<size_t>(std::clamp<int64_t>(recordRange.end, 0, int64_t(data.size())));
+    size_t at = static_cast<size_t>(std::clamp<int64_t>(recordRange.start, 0, int64_t(end)));
+    auto skip = [&](auto&& accepts, size_t least, size_t most) {
+        size_t count = 0;
+        while (at < end && count < most && accepts(data[at])) ++at, ++count;
+        return count >= least;
+    };
+    auto literal = [&](char c) { return at < end && data[at] == c ? (++at, true) : false; };
+    auto digits = [&](size_t n) { return skip(isDigit, n, n); };
+    // 0x1E, "y-MM-dd HH:mm:ss.SSS", " %5d:%-8x ", "[".
+    const bool header = literal(RS) && skip(isDigit, 1, 9) && literal('-') && digits(2) && literal('-') && digits(2) &&
+                        literal(' ') && digits(2) && literal(':') && digits(2) && literal(':') && digits(2) &&
+                        literal('.') && digits(3) && literal(' ') && skip([](char c) { return c == ' '; }, 0, 16) &&
+                        skip(isDigit, 1, 10) && literal(':') && skip(isHexDigit, 1, 16) &&
+                        skip([](char c) { return c == ' '; }, 1, 16) &&
+                        literal(FileLogHandler::SUBSYSTEM_LEFT_DELIMETER[0]);
+    if (!header) return std::nullopt;
+    const size_t right = data.substr(0, end).find(FileLogHandler::SUBSYSTEM_RIGHT_DELIMETER, at);
+    if (right == std::string_view::npos) return std::nullopt;
+    return data.substr(at, right - at);
+}
+
+std::string FileLogManager::data(Date date, bool prependingRS) {
+    // The handler's own header, so the text is the one its records carry.
+    const std::string header = FileLogHandler::headerPrefix(date, 0, 0);
+    const size_t end = header.find('.') + 1 + 3;
+    return prependingRS ? header.substr(0, end) : header.substr(1, end - 1);
+}
+
+std::string FileLogManager::searchKey(Date date) {
+    std::string key = data(date, true);
+    key.resize(key.size() - fractionLength);
+    return key;
+}
+
+FileLogManager::SearchResult FileLogManager::compareDate(std::string_view key, std::string_view data, Range range) {
+    const int64_t end = std::min<int64_t>(range.end, int64_t(data.size()));
+    const int64_t start = range.start;
+    if (key.empty() || start < 0 || start >= end || data[size_t(start)] != RS) return SearchResult::notFound();
+    const int64_t need = int64_t(key.size()) + fractionLength;
+    const int64_t available = std::min(need, end - start);
+    const char* header = data.data() + start;
+    // The shape of the key's date (digits where it has digits), then ".SSS".
+    for (int64_t i = 1; i < available; ++i) {
+        const char c = header[i];
+        const bool fits = i < int64_t(key.size()) ? (isDigit(key[size_t(i)]) ? isDigit(c) : c == key[size_t(i)])
+                                                  : (i == int64_t(key.size()) ? c == '.' : isDigit(c));
+        if (!fits) return SearchResult::notFound();
+    }
+    if (available < need) {
+        return end == int64_t(data.size()) ? SearchResult::incompleteData(start) : SearchResult::notFound();
+    }
+    const int order = std::memcmp(header, key.data(), key.size());
+    if (order == 0) return SearchResult::found(start);
+    return order < 0 ? SearchResult::foundEarlierDate(start) : SearchResult::foundLaterDate(start);
+}
+
+FileLogManager::SearchResult FileLogManager::compareFirstDate(std::string_view key, std::string_view data,
+                                                              Range searchRange, bool fromEnd) {
+    const size_t start = size_t(std::clamp<int64_t>(searchRange.start, 0, int64_t(data.size())));
+    const size_t end = size_t(std::clamp<int64_t>(searchRange.end, int64_t(start), int64_t(data.size())));
+    const Range rest{0, int64_t(data.size())};
+    if (!fromEnd) {
+        for (size_t at = data.find(RS, start); at != std::string_view::npos && at < end; at = data.find(RS, at + 1)) {
+            const SearchResult result = compareDate(key, data, {int64_t(at), rest.end});
+            if (result.kind() != Kind::notFound) return result;
+        }
+        return SearchResult::notFound();
+    }
+    for (size_t limit = end; limit > start;) {
+        const size_t at = data.substr(0, limit).rfind(RS);
+        if (at == std::string_view::npos || at < start) break;
+        const SearchResult result = compareDate(key, data, {int64_t(at), rest.end});
+        if (result.kind() != Kind::notFound) return result;
+        limit = at;
+    }
+    return SearchResult::notFound();
+}
+
+FileLogManager::SearchResult FileLogManager::searchDate(std::string_view key, std::string_view data, Range searchRange,
+                                                        bool preferEarlier) {
+    // Records that hold the predicate come after those that do not: with
+    // preferEarlier "not earlier than the key", else "later than the key".
+    auto holds = [&](const SearchResult& result) {
+        return preferEarlier ? result.kind() != Kind::foundEarlierDate : result.kind() == Kind::foundLaterDate;
+    };
+    const SearchResult first = compareFirstDate(key, data, searchRange, false);
+    if (first.kind() == Kind::notFound || first.kind() == Kind::incompleteData || holds(first)) return first;
+    const SearchResult last = compareFirstDate(key, data, searchRange, true);
+    if (last.kind() == Kind::incompleteData || !holds(last)) return last;
+    // first fails and last holds: bisect between them over record starts.
+    SearchResult fails = first, passes = last;
+    for (;;) {
+        const int64_t low = fails.offset() + 1, middle = fails.offset() + (passes.offset() - fails.offset()) / 2;
+        SearchResult probe = compareFirstDate(key, data, {std::max(middle, low), passes.offset()}, false);
+        if (probe.kind() == Kind::notFound && middle > low) {
+            probe = compareFirstDate(key, data, {low, middle}, false);
+        }
+        if (probe.kind() == Kind::notFound || probe.kind() == Kind::incompleteData) break;  // neighbours
+        (holds(probe) ? passes : fails) = probe;
+    }
+    return preferEarlier ? passes : fails;
+}
+
+}  // namespace Tovik
