@@ -100,14 +100,14 @@ Parsed parseOptions(const std::string& command, const std::vector<std::string>& 
         if (!name.starts_with("-") || name == "-") throw ParseFailure{"unexpected argument '" + name + "'"};
         const auto found = options.find(name);
         if (found == options.end()) throw ParseFailure{"unknown option '" + name + "' for " + command};
-        const OptionSpec spec = found->second;
-        if (!spec.takesValue && value) throw ParseFailure{"option '" + name + "' takes no value"};
-        if (spec.takesValue && !value) {
+        const OptionSpec rule = found->second;
+        if (!rule.takesValue && value) throw ParseFailure{"option '" + name + "' takes no value"};
+        if (rule.takesValue && !value) {
             // A following option means the value was forgotten; "--log=-x" names a file "-x".
             if (i + 1 < arguments.size() && !arguments[i + 1].starts_with("-")) value = arguments[++i];
         }
-        if (spec.takesValue && (!value || value->empty())) throw ParseFailure{"option '" + name + "' needs a value"};
-        if (!spec.repeatable && std::exchange(seen[spec.option], true)) {
+        if (rule.takesValue && (!value || value->empty())) throw ParseFailure{"option '" + name + "' needs a value"};
+        if (!rule.repeatable && std::exchange(seen[rule.option], true)) {
             throw ParseFailure{"option '" + name + "' given twice"};
         }
         const auto date = [&] {
@@ -118,7 +118,7 @@ Parsed parseOptions(const std::string& command, const std::vector<std::string>& 
             }
             return parsedDate;
         };
-        switch (spec.option) {
+        switch (rule.option) {
             case Option::log: parsed.logs.emplace_back(*value); break;
             case Option::add: parsed.add.emplace_back(*value); break;
             case Option::subsystem: parsed.subsystems.push_back(*value); break;
