@@ -104,21 +104,32 @@ private:
 
 std::string fileName(const std::string& path) { return std::filesystem::path(path).filename().string(); }
 
-// ---- Reading clones --------------------------------------------------------
+// ---- Reading the files of a save ------------------------------------------
 
-// A clone opened for reading at any offset; every byte read is counted.
+// A file opened for reading at any offset; every byte read is counted. A
+// reader may stand for a part of another file copied out of it: `base` is
+// where the part starts there, and offsets and reports are the other file's.
 class CopyReader {
 public:
     CopyReader(std::string path, std::atomic<int64_t>& counter)
-        : path_(std::move(path)), file_(openFile(path_, O_RDONLY, doSaveLogsLabel)), counter_(counter) {
-        struct stat status {};
-        if (::fstat(file_.get(), &status) != 0)
-            throwErrno([&] { return std::string(doSaveLogsLabel) + ": fstat (" + path_ + ")"; });
-        size_ = status.st_size;
+        : CopyReader(path, openFile(path, O_RDONLY, doSaveLogsLabel), counter) {}
+    CopyReader(std::string path, Kernel::FileDescriptor file, std::atomic<int64_t>& counter, int64_t base = 0)
+        : path_(std::move(path)), file_(std::move(file)), counter_(counter), base_(base) {
+        takeSize();
     }
 
     const std::string& path() const { return path_; }
+    int fd() const { return file_.get(); }
+    int64_t base() const { return base_; }
     int64_t size() const { return size_; }
+
+    // Reads the file's size again (the live file, once its lock is held).
+    void takeSize() {
+        struct stat status {};
+        if (::fstat(file_.get(), &status) != 0)
+            throwErrno([&] { return std::string(doSaveLogsLabel) + ": fstat (" + path_ + ")"; });
+        size_ = base_ + status.st_size;
+    }
 
     // Up to `length` bytes from `offset`; fewer only at the end of the file.
     std::string_view read(int64_t offset, int64_t length) {
@@ -126,8 +137,8 @@ public:
         if (buffer_.size() < static_cast<size_t>(length)) buffer_.resize(static_cast<size_t>(length));
         int64_t done = 0;
         while (done < length) {
-            const ssize_t got =
-                ::pread(file_.get(), buffer_.data() + done, static_cast<size_t>(length - done), offset + done);
+            const ssize_t got = ::pread(file_.get(), buffer_.data() + done, static_cast<size_t>(length - done),
+                                        offset - base_ + done);
             if (got < 0) {
                 if (errno == EINTR) continue;
                 throwErrno([&] { return std::string(doSaveLogsLabel) + ": read (" + path_ + ")"; });
@@ -139,12 +150,52 @@ public:
         return {buffer_.data(), static_cast<size_t>(done)};
     }
 
+    // The first record separator in [offset, offset + within), or offset when
+    // there is none; read in small pieces, as it is mostly near.
+    int64_t separatorFrom(int64_t offset, int64_t within) {
+        constexpr int64_t firstPiece = 16 << 10;
+        for (int64_t at = offset, piece = firstPiece; at < std::min(size_, offset + within); piece *= 2) {
+            const std::string_view data = read(at, std::min(piece, offset + within - at));
+            if (data.empty()) break;
+            const size_t separator = data.find(RS);
+            if (separator != std::string_view::npos) return at + int64_t(separator);
+            at += int64_t(data.size());
+        }
+        return offset;
+    }
+
+    // Copies [offset, offset + length) to the end of `out` in the kernel; the
+    // bytes count as read.
+    void copyTo(int out, int64_t offset, int64_t length, const std::string& outPath, const std::string& label) {
+        off_t in = offset - base_;
+        while (length > 0) {
+            const ssize_t copied = ::copy_file_range(file_.get(), &in, out, nullptr, static_cast<size_t>(length), 0);
+            if (copied < 0 && errno == EINTR) continue;
+            if (copied < 0 && (errno == EXDEV || errno == ENOSYS || errno == EINVAL || errno == EOPNOTSUPP)) {
+                // No kernel copy between these files: through a buffer.
+                for (int64_t at = in + base_; length > 0;) {
+                    const std::string_view data = read(at, std::min<int64_t>(length, 1 << 20));
+                    if (data.empty()) return;
+                    writeFile(out, data, outPath, label);
+                    at += int64_t(data.size());
+                    length -= int64_t(data.size());
+                }
+                return;
+            }
+            if (copied < 0) throwErrno([&] { return label + ": copy_file_range (" + path_ + ", " + outPath + ")"; });
+            if (copied == 0) return;
+            counter_.fetch_add(copied, std::memory_order_relaxed);
+            length -= copied;
+        }
+    }
+
 private:
     std::string path_;
     Kernel::FileDescriptor file_;
+    std::atomic<int64_t>& counter_;
+    int64_t base_ = 0;
     int64_t size_ = 0;
     std::vector<char> buffer_;
-    std::atomic<int64_t>& counter_;
 };
 
 // ---- Finding a period in a clone -------------------------------------------
@@ -238,23 +289,30 @@ bool learn(Boundary& bound, int64_t knownFrom, const Block& block) {
     return true;
 }
 
-// Runs the bisections of `bounds` over one clone, one after the other; every
-// block read teaches all of them. The first block read is the clone's last
-// (periods asked for are mostly recent). True when a record was seen.
-bool findBoundaries(CopyReader& reader, std::vector<Boundary*> bounds, int64_t blockSize) {
+// Runs the bisections of `bounds` over one file, one after the other; every
+// block read teaches all of them. While an interval is wider than a block, a
+// probe at its middle reads a small piece, twice as much each time a piece
+// holds no whole header; the last block is then searched whole. The first
+// probe is at the end of the file (periods asked for are mostly recent). True
+// when a record was seen; failures are added to `reports`.
+bool findBoundaries(CopyReader& reader, std::vector<Boundary*> bounds, int64_t blockSize,
+                    std::vector<std::string>& reports) {
+    constexpr int64_t firstProbe = 16 << 10;
     const int64_t size = reader.size();
     bool seen = false;
     bool first = true;
     for (Boundary* bound : bounds) {
         while (!bound->done()) {
-            int64_t from = bound->hi - bound->lo <= blockSize ? bound->lo : bound->lo + (bound->hi - bound->lo) / 2;
-            if (first) from = std::max(bound->lo, size - blockSize);
+            const bool probing = bound->hi - bound->lo > blockSize;
+            int64_t probe = probing ? std::min(firstProbe, blockSize) : blockSize;
+            int64_t from = probing ? bound->lo + (bound->hi - bound->lo) / 2 : bound->lo;
+            if (first) from = std::max(bound->lo, size - probe);
             first = false;
             bool found = false;
             int64_t at = from, scanned = from;
             while (!bound->done()) {
                 const int64_t need = static_cast<int64_t>(bound->key.size()) + fractionLength;
-                const int64_t length = std::min(blockSize, bound->hi - at + need);
+                const int64_t length = std::min(probe, bound->hi - at + need);
                 const Block block = readBlock(reader, bound->key, at, length);
                 scanned = block.coveredEnd;
                 for (Boundary* other : bounds) {
@@ -266,13 +324,68 @@ bool findBoundaries(CopyReader& reader, std::vector<Boundary*> bounds, int64_t b
                 }
                 if (block.coveredEnd >= bound->hi) break;
                 at = std::max(block.coveredEnd, at + 1);  // no header here: go on to the next one
+                probe = std::min(probe * 2, blockSize);
             }
             if (!found && scanned - from >= blockSize) {
-                TLOG_ERROR(doSaveLogsLabel, "Not found date in " + std::to_string(scanned - from) + " bytes");
+                reports.push_back("Not found date in " + std::to_string(scanned - from) + " bytes");
             }
         }
     }
     return seen;
+}
+
+// The records of the period between the keys (absent: from the start, to
+// the end) in `reader`: [start, end) in its offsets, nullopt when it holds no
+// record date (added to `reports`).
+std::optional<Range> findPeriod(CopyReader& reader, const std::optional<std::string>& startKey,
+                                const std::optional<std::string>& endKey, int64_t blockSize,
+                                std::vector<std::string>& reports) {
+    const int64_t size = reader.size();
+    if (size == 0) return Range{0, 0};
+    Boundary start{startKey.value_or(""), false, 0, size, size};
+    Boundary end{endKey.value_or(""), true, 0, size, size};
+    std::vector<Boundary*> bounds;
+    if (startKey) bounds.push_back(&start);
+    if (endKey) bounds.push_back(&end);
+    if (!bounds.empty() && !findBoundaries(reader, bounds, blockSize, reports)) {
+        reports.push_back("No Date found in " + reader.path());
+        return std::nullopt;
+    }
+    return Range{startKey ? start.answer : 0, endKey ? end.answer : size};
+}
+
+void reportErrors(std::vector<std::string>& reports) {
+    for (const std::string& report : reports) TLOG_ERROR(doSaveLogsLabel, report);
+    reports.clear();
+}
+
+// What a save reads of the log, taken while the live file's exclusive flock
+// is held: generation 1 opened (rotation replaces it by rename and never
+// writes it in place, so the descriptor keeps the generation of that moment)
+// and the part of the live file that rangeOf picks, within the size it has
+// under the lock, copied to `copyPath`. Once the lock is released, neither
+// changes whatever the writers do.
+struct Snapshot {
+    std::optional<CopyReader> rotated;
+    std::optional<CopyReader> live;  // the copied part, in the live file's offsets
+};
+
+template <class RangeOf>
+Snapshot takeSnapshot(const std::string& path, const std::string& copyPath, std::atomic<int64_t>& counter,
+                      const std::string& label, RangeOf&& rangeOf) {
+    Snapshot snapshot;
+    CopyReader live(path, openFile(path, O_RDONLY, label), counter);
+    const ExclusiveFileLock lock(live.fd(), path, label);
+    const std::string rotated = FileLogHandler::rotatedFilePath(path, 1);
+    Kernel::FileDescriptor old(::open(rotated.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!old && errno != ENOENT) throwErrno([&] { return label + ": open (" + rotated + ")"; });
+    if (old) snapshot.rotated.emplace(rotated, std::move(old), counter);
+    live.takeSize();
+    const Range range = rangeOf(live);
+    Kernel::FileDescriptor copy = openFile(copyPath, O_RDWR | O_CREAT | O_TRUNC, label);
+    live.copyTo(copy.get(), range.start, range.end - range.start, copyPath, label);
+    snapshot.live.emplace(path, std::move(copy), counter, range.start);
+    return snapshot;
 }
 
 // ---- Sorting records by subsystem ------------------------------------------
@@ -434,6 +547,28 @@ private:
     bool unrecognized_ = false;
 };
 
+// The search keys of a period, widened by a second on each side.
+std::pair<std::optional<std::string>, std::optional<std::string>> periodKeys(const LogSavingOpts& opts) {
+    using namespace std::chrono_literals;
+    return {opts.startDate ? std::optional(FileLogManager::searchKey(*opts.startDate - 1s)) : std::nullopt,
+            opts.endDate ? std::optional(FileLogManager::searchKey(*opts.endDate + 1s)) : std::nullopt};
+}
+
+// Writes `destination`: [rotatedRange) of generation 1 when there is any,
+// then the copied part of the live file, which becomes the destination
+// itself when it is all.
+void writeWhole(const std::string& destination, CopyReader* rotated, Range rotatedRange, CopyReader& live,
+                const std::string& liveCopy, const std::string& label) {
+    if (rotated == nullptr || rotatedRange.start >= rotatedRange.end) {
+        if (::rename(liveCopy.c_str(), destination.c_str()) != 0)
+            throwErrno([&] { return label + ": rename (" + liveCopy + ", " + destination + ")"; });
+        return;
+    }
+    const Kernel::FileDescriptor out = openFile(destination, O_WRONLY | O_CREAT | O_TRUNC, label);
+    rotated->copyTo(out.get(), rotatedRange.start, rotatedRange.end - rotatedRange.start, destination, label);
+    live.copyTo(out.get(), live.base(), live.size() - live.base(), destination, label);
+}
+
 }  // namespace
 
 // ---- FileLogManager ----------------------------------------------------------
@@ -444,19 +579,49 @@ FileLogManager::FileLogManager(std::string logPath, std::size_t readBufferSize)
 
 std::vector<std::string> FileLogManager::saveLogs(const LogSubsystemSelector& selecting, const std::string& inFolder,
                                                   const LogSavingOpts& opts) {
-    if (selecting.kind() == LogSubsystemSelector::Kind::whole && !opts.startDate && !opts.endDate) {
-        return {saveWholeLog(inFolder, opts.maxSize)};
-    }
+    constexpr const char* label = "saveLogs(selecting:inFolder:opts:)";
+    const bool whole = selecting.kind() == LogSubsystemSelector::Kind::whole;
+    if (whole && !opts.startDate && !opts.endDate) return {saveWholeLog(inFolder, opts.maxSize)};
     const int64_t budget = std::max<int64_t>(0, opts.maxSize.value_or(INT64_MAX));
-    const TemporaryFolder temporary(
-        FileUtils::makeTemporaryFolder("log", inFolder, "saveLogs(selecting:inFolder:opts:)"));
+    const TemporaryFolder temporary(FileUtils::makeTemporaryFolder("log", inFolder, label));
     const std::filesystem::path subsystems = temporary.path() / "subsystems";
     std::filesystem::create_directories(subsystems);
+    const auto [startKey, endKey] = periodKeys(opts);
 
-    const std::vector<TempFile> files = prepareTempFiles(temporary.path().string(), std::nullopt);
+    // The live file is searched and its period copied out under its lock;
+    // what the search has to report waits until the lock is released.
+    std::vector<std::string> liveReports, rotatedReports;
+    const std::string liveCopy = (temporary.path() / "live").string();
+    Snapshot snapshot = takeSnapshot(filepath_, liveCopy, bytesRead_, label, [&](CopyReader& live) {
+        return findPeriod(live, startKey, endKey, blockSize_, liveReports).value_or(Range{});
+    });
+    CopyReader* rotated = snapshot.rotated ? &*snapshot.rotated : nullptr;
+    CopyReader& live = *snapshot.live;
+    const Range rotatedRange = rotated ? findPeriod(*rotated, startKey, endKey, blockSize_, rotatedReports).value_or(Range{})
+                                       : Range{};
+    reportErrors(rotatedReports);
+    reportErrors(liveReports);
+
+    const std::string named = (subsystems / fileName(filepath_)).string();
+    std::vector<std::string> extracts;
+    if (whole) {
+        writeWhole(named, rotated, rotatedRange, live, liveCopy, label);
+        extracts.push_back(named);
+    } else {
+        RecordSorter sorter(selecting, subsystems, named, blockSize_);
+        if (rotatedRange.start < rotatedRange.end) sorter.extract(*rotated, rotatedRange.start, rotatedRange.end);
+        if (live.base() < live.size()) sorter.extract(live, live.base(), live.size());
+        extracts = sorter.finish();
+    }
     std::vector<std::string> saved;
-    for (const std::string& extract : doSaveLogs(files, selecting, subsystems.string(), opts)) {
+    for (const std::string& extract : extracts) {
         const std::string destination = (std::filesystem::path(inFolder) / fileName(extract)).string();
+        struct stat status {};
+        if (::stat(extract.c_str(), &status) == 0 && status.st_size <= budget &&
+            ::rename(extract.c_str(), destination.c_str()) == 0) {
+            saved.push_back(destination);
+            continue;
+        }
         copyfile(extract, destination, false, -budget, RS);
         saved.push_back(destination);
     }
@@ -486,18 +651,24 @@ void FileLogManager::resetLog() {
 }
 
 std::string FileLogManager::saveWholeLog(const std::string& in, std::optional<int64_t> maxSize) {
+    constexpr const char* label = "saveWholeLog(in:maxSize:)";
     const int64_t budget = std::max<int64_t>(0, maxSize.value_or(INT64_MAX));
-    const TemporaryFolder temporary(FileUtils::makeTemporaryFolder("log", in, "saveWholeLog(in:maxSize:)"));
+    const TemporaryFolder temporary(FileUtils::makeTemporaryFolder("log", in, label));
     const std::string destination = (std::filesystem::path(in) / fileName(filepath_)).string();
-    const std::vector<TempFile> files = prepareTempFiles(temporary.path().string(), budget);
-    bool written = false;
-    for (auto file = files.rbegin(); file != files.rend(); ++file) {
-        const int64_t remaining = budget - file->offset;
-        if (file->size == 0 || remaining <= 0) continue;
-        copyfile(file->path, destination, written, -remaining, RS);
-        written = true;
-    }
-    if (!written) openFile(destination, O_WRONLY | O_CREAT | O_TRUNC, "saveWholeLog(in:maxSize:)");
+    // The newest `within` bytes of a file, from the first record start in their first block.
+    auto newest = [&](CopyReader& file, int64_t within) {
+        const int64_t offset = std::max<int64_t>(file.size() - within, 0);
+        return Range{offset > 0 ? file.separatorFrom(offset, blockSize_) : 0, file.size()};
+    };
+    const std::string liveCopy = (temporary.path() / "live").string();
+    Snapshot snapshot = takeSnapshot(filepath_, liveCopy, bytesRead_, label,
+                                     [&](CopyReader& live) { return newest(live, budget); });
+    CopyReader* rotated = snapshot.rotated ? &*snapshot.rotated : nullptr;
+    CopyReader& live = *snapshot.live;
+    // Generation 1 gets what the whole live file leaves of the budget.
+    const int64_t remaining = budget - live.size();
+    const Range rotatedRange = rotated && remaining > 0 ? newest(*rotated, remaining) : Range{};
+    writeWhole(destination, rotated, rotatedRange, live, liveCopy, label);
     return destination;
 }
 
@@ -586,36 +757,22 @@ void FileLogManager::copyfile(const std::string& source, const std::string& to, 
 std::vector<std::string> FileLogManager::doSaveLogs(const std::vector<TempFile>& files,
                                                     const LogSubsystemSelector& selecting, const std::string& in,
                                                     const LogSavingOpts& opts) {
-    using namespace std::chrono_literals;
-    const std::optional<std::string> startKey =
-        opts.startDate ? std::optional(searchKey(*opts.startDate - 1s)) : std::nullopt;
-    const std::optional<std::string> endKey =
-        opts.endDate ? std::optional(searchKey(*opts.endDate + 1s)) : std::nullopt;
-
+    const auto [startKey, endKey] = periodKeys(opts);
     const std::string named = (std::filesystem::path(in) / fileName(filepath_)).string();
     const bool whole = selecting.kind() == LogSubsystemSelector::Kind::whole;
     if (whole) ::close(openFile(named, O_WRONLY | O_CREAT | O_APPEND, doSaveLogsLabel).release());
     RecordSorter sorter(selecting, in, named, blockSize_);
 
+    std::vector<std::string> reports;
     for (auto file = files.rbegin(); file != files.rend(); ++file) {
         CopyReader reader(file->path, bytesRead_);
-        const int64_t size = reader.size();
-        if (size == 0) continue;
-        Boundary start{startKey.value_or(""), false, 0, size, size};
-        Boundary end{endKey.value_or(""), true, 0, size, size};
-        std::vector<Boundary*> bounds;
-        if (startKey) bounds.push_back(&start);
-        if (endKey) bounds.push_back(&end);
-        if (!bounds.empty() && !findBoundaries(reader, bounds, blockSize_)) {
-            TLOG_ERROR(doSaveLogsLabel, "No Date found in " + file->path);
-            continue;
-        }
-        const int64_t from = startKey ? start.answer : 0, to = endKey ? end.answer : size;
-        if (from >= to) continue;
+        const std::optional<Range> period = findPeriod(reader, startKey, endKey, blockSize_, reports);
+        reportErrors(reports);
+        if (!period || period->start >= period->end) continue;
         if (whole) {
-            copyfile(file->path, named, true, from, to - from, RS);
+            copyfile(file->path, named, true, period->start, period->end - period->start, RS);
         } else {
-            sorter.extract(reader, from, to);
+            sorter.extract(reader, period->start, period->end);
         }
     }
     return whole ? std::vector<std::string>{named} : sorter.finish();

@@ -3,22 +3,31 @@
 // newest records, or the records of a period (all of them in one file, those
 // of chosen subsystems in one file, or one file per subsystem).
 //
-// The live file is never read while writers append: a save first clones it
-// and its generation 1 into a temporary folder inside the destination folder
-// while holding an exclusive flock on the live file, the lock FileLogHandler
-// takes around every record and every rotation. The clones therefore hold
-// whole records only, and no rotation falls between the two. Everything else
-// works on the clones; the temporary folder is removed before a save returns,
-// also when it throws.
+// A save holds an exclusive flock on the live file, the lock FileLogHandler
+// takes around every record and every rotation, only long enough to open
+// generation 1, read the live file's size, find in the live file the bytes
+// the save needs (a few small probes of a period search, or the first block
+// of the budget's tail) and copy those bytes, no more, into a temporary
+// folder inside the destination folder; the lock therefore lasts about the
+// time of copying what is delivered from the live file. Generation 1 is read
+// afterwards, without the lock, through the descriptor opened under it:
+// rotation replaces that file by rename and never writes it in place, so the
+// descriptor keeps the generation of the moment the live size was read. A
+// save therefore holds whole records only, and no rotation falls between the
+// two parts. The temporary folder is removed before a save returns, also when
+// it throws. duplicateLogFiles and prepareTempFiles still clone both files
+// whole for callers that want clones; the saves do not use them.
 //
-// A period is found without reading the clones whole: a bisection over file
-// offsets reads one block (DEFAULT_READ_BUFSIZE) per step and then searches
-// inside the block, so a save reads a few blocks per bound plus the records
-// it delivers. Dates compare at whole seconds and the period is widened by
-// one second on each side. Records are expected in date order; input that is
-// not (foreign bytes, records without header, a cut last record, dates out
-// of order) gives some contiguous part of it or nothing, reported and
-// skipped, and never a crash or an endless search. A record's subsystem is
+// A period is found without reading the files whole: a bisection over file
+// offsets reads a small probe (16 KiB, doubled while a probe holds no whole
+// header) at each midpoint until the interval fits in one block
+// (DEFAULT_READ_BUFSIZE), then searches inside that block, so a save reads a
+// few probes and a block per bound plus the records it delivers (those of the
+// live file twice: copied, then extracted). Dates compare at whole seconds
+// and the period is widened by one second on each side. Records are expected
+// in date order; input that is not (foreign bytes, records without header, a
+// cut last record, dates out of order) gives some contiguous part of it or
+// nothing, reported and skipped, and never a crash or an endless search. A record's subsystem is
 // read from its own header (date, process and thread columns of any width,
 // then "[" name "]"); a name that cannot be a file name of its own (more than
 // 128 bytes, other than printable ASCII, with "/", "." or "..") counts as
@@ -144,8 +153,9 @@ public:
                                         const std::string& in, const LogSavingOpts& opts);
 
     /// Bytes read so far, by every save, from the files a save works on (the
-    /// clones and the extracts it cuts); clones made by the file system are
-    /// not counted.
+    /// log files, the copies and extracts it cuts), also those copied from
+    /// one file to another inside the kernel; clones made by the file system
+    /// (duplicateLogFiles) are not counted.
     int64_t bytesRead() const { return bytesRead_.load(std::memory_order_relaxed); }
 
     /// The subsystem name in the header of the record in `recordRange`
