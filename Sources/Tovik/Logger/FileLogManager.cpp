@@ -586,7 +586,10 @@ std::vector<std::string> FileLogManager::saveLogs(const LogSubsystemSelector& se
     const TemporaryFolder temporary(FileUtils::makeTemporaryFolder("log", inFolder, label));
     const std::filesystem::path subsystems = temporary.path() / "subsystems";
     std::filesystem::create_directories(subsystems);
-    const auto [startKey, endKey] = periodKeys(opts);
+    // Named variables, not structured bindings: the lambda below captures them.
+    const auto keys = periodKeys(opts);
+    const std::optional<std::string>& startKey = keys.first;
+    const std::optional<std::string>& endKey = keys.second;
 
     // The live file is searched and its period copied out under its lock;
     // what the search has to report waits until the lock is released.
