@@ -26,6 +26,7 @@
 #include "Security/SecKeychain.h"
 #include "Tovik/KeyChain.h"
 #include "Tovik/Logger/Logger.h"
+#include "RunInSandbox.h"
 
 namespace {
 
@@ -138,23 +139,6 @@ void printSummary(const std::map<std::string, double>& medians) {
     line("KeyChain.load", "BM_KeyChainLoad", "bare SELECT", "BM_BareSelect");
     line("KeyChain.save, same bytes", "BM_KeyChainSaveUnchanged", "bare SELECT", "BM_BareSelect");
     line("KeyChain.save, new bytes", "BM_KeyChainSaveChanged", "bare UPSERT", "BM_BareUpsert");
-}
-
-/// Runs this program again, with the same arguments, inside scripts/sandbox.sh
-/// over a new temporary folder; its exit status.
-int runInSandbox(char** argv) {
-    char folder[] = "/tmp/keychain-benchmarks.XXXXXX";
-    if (::mkdtemp(folder) == nullptr) {
-        std::perror("mkdtemp");
-        return 1;
-    }
-    std::string command = std::string("TOVIK_IN_SANDBOX=1 bash '") + TOVIK_SOURCE_DIR + "/scripts/sandbox.sh' '" +
-                          folder + "' '" + std::filesystem::read_symlink("/proc/self/exe").string() + "'";
-    for (char** argument = argv + 1; *argument; ++argument) command += std::string(" '") + *argument + "'";
-    const int status = std::system(command.c_str());
-    std::error_code ignored;
-    std::filesystem::remove_all(folder, ignored);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
 }
 
 }  // namespace

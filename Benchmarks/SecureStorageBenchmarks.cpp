@@ -41,6 +41,7 @@
 #include "Tovik/KeyChainData.h"
 #include "Tovik/Logger/Logger.h"
 #include "Tovik/SecureStorage.h"
+#include "RunInSandbox.h"
 
 namespace {
 
@@ -239,23 +240,6 @@ void printSummary(const CollectingReporter& reporter) {
     if (reporter.writesPerRound >= 0)
         std::printf("1,000 set() calls within one write delay: %.2f file writes per round (must be 1)\n",
                     reporter.writesPerRound);
-}
-
-/// Runs this program again, with the same arguments, inside scripts/sandbox.sh
-/// over a new temporary folder; its exit status.
-int runInSandbox(char** argv) {
-    char sandbox[] = "/tmp/secure-storage-benchmarks.XXXXXX";
-    if (::mkdtemp(sandbox) == nullptr) {
-        std::perror("mkdtemp");
-        return 1;
-    }
-    std::string command = std::string("TOVIK_IN_SANDBOX=1 bash '") + TOVIK_SOURCE_DIR + "/scripts/sandbox.sh' '" +
-                          sandbox + "' '" + fs::read_symlink("/proc/self/exe").string() + "'";
-    for (char** argument = argv + 1; *argument; ++argument) command += std::string(" '") + *argument + "'";
-    const int status = std::system(command.c_str());
-    std::error_code ignored;
-    fs::remove_all(sandbox, ignored);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
 }
 
 }  // namespace
