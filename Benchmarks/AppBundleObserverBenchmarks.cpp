@@ -2,7 +2,7 @@
 //
 // Each round arms a fresh observer on a small bundle, deletes the bundle
 // (a rename into a Trash folder, or a recursive remove as `rm -rf` does it)
-// and measures from the deleting call returning to the completion running.
+// and measures from just before the deleting call to the completion running.
 // The same round is repeated against a bare inotify loop (one thread blocked
 // in read(2) on a watch of the bundle folder), interleaved with the observer's
 // rounds, as the floor the kernel sets. Logging is off: the figure is the
@@ -72,14 +72,17 @@ struct Scratch {
         std::error_code ignored;
         fs::remove_all(root, ignored);
     }
-    // Deletes the bundle; returns the time the deleting call returned.
+    // Deletes the bundle; returns the time just before the deleting call,
+    // the common start of both figures (a bare reader on the other core may
+    // see the event before the call has returned).
     Clock::time_point remove(Deletion how) const {
+        const Clock::time_point started = Clock::now();
         if (how == Deletion::rename) {
             fs::rename(bundle, trash / "Velmora VPN.app");
         } else {
             fs::remove_all(bundle);
         }
-        return Clock::now();
+        return started;
     }
     // Empties the Trash once the round has been measured.
     void cleanUp() const {
@@ -140,13 +143,9 @@ private:
     std::thread reader_;
 };
 
-// Signed: a reader on the other core may see the event before the deleting
-// thread is back in user space.
 double microseconds(Clock::duration d) { return std::chrono::duration<double, std::micro>(d).count(); }
 
-// Ratios are taken against at least 1 us, so a bare figure at or below zero
-// gives the observer's figure in microseconds rather than a division by ~0.
-double ratio(double observer, double bare) { return observer / std::max(bare, 1.0); }
+double ratio(double observer, double bare) { return bare > 0 ? observer / bare : 0; }
 
 double percentile(std::vector<double> values, double p) {
     std::sort(values.begin(), values.end());
@@ -178,22 +177,22 @@ void BM_DeletionToCompletion(benchmark::State& state, Deletion how, const char* 
             fired.signal();
         });
         observer->queue().sync([] {});
-        Clock::time_point returned = scratch.remove(how);
+        Clock::time_point started = scratch.remove(how);
         if (fired.wait(Dispatch::DispatchTime::now() + 5.0) != Dispatch::DispatchTimeoutResult::success) {
             state.SkipWithError("the completion never ran");
             break;
         }
-        double observed = microseconds(firedAt.load() - returned);
+        double observed = microseconds(firedAt.load() - started);
         observerTimes.push_back(observed);
-        state.SetIterationTime(std::max(observed, 0.0) / 1e6);
+        state.SetIterationTime(observed / 1e6);
         observer.reset();
         scratch.cleanUp();
 
         // The floor: the same deletion seen by a bare blocking read.
         makeBundle(scratch.bundle);
         bare.watch(scratch.bundle);
-        returned = scratch.remove(how);
-        bareTimes.push_back(microseconds(bare.waitForGone() - returned));
+        started = scratch.remove(how);
+        bareTimes.push_back(microseconds(bare.waitForGone() - started));
         scratch.cleanUp();
     }
     if (observerTimes.empty()) return;

@@ -1,14 +1,15 @@
 // Figures of the file log handler, all measured in one run on the same file
 // system (files in one temporary folder) with the same record bytes:
 // - one thread: the handler against a bare flock + write + unlock loop of the
-//   pre-built record (target >= 0.85x), and against spdlog's flushing
-//   basic_file_sink_mt and buffered basic_file_sink_st;
+//   pre-built record (CPU time, target >= 0.95x), its own cost per record (the
+//   difference) against spdlog's buffered basic_file_sink_st call, and the
+//   handler against spdlog's flushing basic_file_sink_mt;
 // - 8 threads of one process and 4 processes on one file: aggregate rates
 //   beside the single-thread rate (targets >= 0.9x and >= 0.8x), and the bare
 //   loop in 4 processes, which bounds what any flock-per-record writer gets;
 // - credential stripping of lines without credentials beside a memchr scan of
 //   the same bytes.
-// A summary with the ratios follows Google Benchmark's table.
+// Figure lines with the ratios (from the medians) follow Google Benchmark's table.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <spawn.h>
@@ -30,6 +31,7 @@
 #include <spdlog/spdlog.h>
 #endif
 
+#include "Figures.h"
 #include "Kernel/ThreadPort.h"
 #include "Tovik/Logger/Handlers/FileLogHandler.h"
 
@@ -249,48 +251,53 @@ void BM_MemchrScanPlainLines(benchmark::State& state) {
 }
 BENCHMARK(BM_MemchrScanPlainLines);
 
-// Prints the table as usual and keeps every run's items per second.
-class CollectingReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            auto rate = run.counters.find("items_per_second");
-            if (!run.error_occurred && rate != run.counters.end()) rates[run.run_name.function_name] = rate->second;
-        }
-    }
-    std::map<std::string, double> rates;
-};
-
-void printSummary(const std::map<std::string, double>& rates) {
-    auto rate = [&](const char* name) {
-        auto found = rates.find(name);
-        return found == rates.end() ? 0.0 : found->second;
+void printSummary(const Figures::MedianReporter& reporter) {
+    // Rates from the medians' times: CPU time per record for one thread (what
+    // the writing thread spends), real time for the aggregate figures.
+    auto cpuRate = [&](const char* name) { const double ns = reporter.cpuNs(name); return ns > 0 ? 1e9 / ns : 0; };
+    auto realRate = [&](const char* name, double recordsPerIteration) {
+        const double ns = reporter.realNs(name);
+        return ns > 0 ? recordsPerIteration * 1e9 / ns : 0;
     };
-    const double handler = rate("BM_Handler");
-    // One line per figure: its rate and the ratio the figure is judged by.
-    auto line = [&](const char* label, double value, const char* ratioLabel, double ratio) {
-        if (value == 0 || handler == 0) return;
-        std::printf("  %-40s %10.0f records/s   %s %5.2fx\n", label, value, ratioLabel, ratio);
-    };
-    const double bare = rate("BM_BareFlockWrite"), threads = rate("BM_HandlerThreads");
-    const double processesRate = rate("BM_HandlerProcesses");
+    const double handler = cpuRate("BM_Handler"), bare = cpuRate("BM_BareFlockWrite");
     std::printf("\nFile log handler, %zu-byte records\n", record().size());
-    line("handler, one thread", handler, "handler / bare loop  ", bare > 0 ? handler / bare : 0);
-    line("bare flock + write + unlock loop", bare, "(target handler >= 0.85x)", 1);
-    if (const double mt = rate("BM_SpdlogFlushingMt"), st = rate("BM_SpdlogBufferedSt"); mt > 0 && st > 0) {
-        line("spdlog basic_file_sink_mt, flush_on(trace)", mt, "handler / spdlog     ", handler / mt);
-        line("spdlog basic_file_sink_st, buffered", st, "handler / spdlog     ", handler / st);
+    if (handler > 0 && bare > 0) {
+        Figures::report("file handler: one thread vs bare flock+write+unlock (CPU)",
+                        Figures::text("%.0f vs %.0f records/s, %.2fx", handler, bare, handler / bare), ">= 0.95x",
+                        handler / bare >= 0.95);
     }
-    line("handler, 8 threads, aggregate", threads, "/ one thread (>= 0.9)", threads / handler);
-    line("handler, 4 processes, aggregate", processesRate, "/ one thread (>= 0.8)", processesRate / handler);
-    const double bareProcesses = rate("BM_BareFlockWriteProcesses");
-    line("bare loop, 4 processes, aggregate", bareProcesses, "handler / this       ",
-         bareProcesses > 0 ? processesRate / bareProcesses : 0);
-    const double strip = rate("BM_StripCredentialsPlainLines"), scan = rate("BM_MemchrScanPlainLines");
+    if (const double st = cpuRate("BM_SpdlogBufferedSt"); handler > 0 && bare > 0 && st > 0) {
+        const double own = 1e9 / handler - 1e9 / bare;
+        Figures::report("file handler: own cost per record vs spdlog's buffered call",
+                        Figures::text("%.0f ns vs %.0f ns", own, 1e9 / st), "<= spdlog's", own <= 1e9 / st);
+    }
+    if (const double mt = cpuRate("BM_SpdlogFlushingMt"); handler > 0 && mt > 0) {
+        Figures::report("file handler vs spdlog basic_file_sink_mt, flush_on(trace)",
+                        Figures::text("%.2fx", handler / mt), "", false);
+    }
+    const double threads = realRate("BM_HandlerThreads", 1) * 8;  // 8 threads, real time per iteration of each
+    if (handler > 0 && threads > 0) {
+        Figures::report("file handler: 8 threads aggregate vs one thread",
+                        Figures::text("%.0f records/s, %.2fx", threads, threads / handler), ">= 0.9x",
+                        threads / handler >= 0.9);
+    }
+    const double processesRate = realRate("BM_HandlerProcesses", processes * recordsPerProcess);
+    if (handler > 0 && processesRate > 0) {
+        Figures::report("file handler: 4 processes aggregate vs one thread",
+                        Figures::text("%.0f records/s, %.2fx", processesRate, processesRate / handler), ">= 0.8x",
+                        processesRate / handler >= 0.8);
+    }
+    if (const double bareProcesses = realRate("BM_BareFlockWriteProcesses", processes * recordsPerProcess);
+        processesRate > 0 && bareProcesses > 0) {
+        Figures::report("file handler: 4 processes vs the bare loop in 4 processes",
+                        Figures::text("%.2fx", processesRate / bareProcesses), "", false);
+    }
+    const double strip = reporter.cpuNs("BM_StripCredentialsPlainLines"), scan = reporter.cpuNs("BM_MemchrScanPlainLines");
     if (strip > 0 && scan > 0) {
-        std::printf("  stripping, lines without credentials     %6.1f ns/line, memchr scan %5.1f ns/line (%.1fx)\n",
-                    1e9 / strip, 1e9 / scan, scan / strip);
+        const double lines = double(plainLines().size());
+        Figures::report("credential stripping, lines without credentials vs memchr scan",
+                        Figures::text("%.1f ns vs %.1f ns per line, %.2fx", strip / lines, scan / lines, strip / scan),
+                        "<= 2x", strip / scan <= 2);
     }
 }
 
@@ -302,9 +309,9 @@ int main(int argc, char** argv) {
     {
         FileLogHandler threadsHandler("S", freshFile("threads.log"), true, noRotation);
         sharedHandler = &threadsHandler;
-        CollectingReporter reporter;
+        Figures::MedianReporter reporter;
         benchmark::RunSpecifiedBenchmarks(&reporter);
-        printSummary(reporter.rates);
+        printSummary(reporter);
         sharedHandler = nullptr;
     }
     benchmark::Shutdown();

@@ -4,7 +4,7 @@ namespace Dispatch::detail {
 
 void VnodeSource::start() {
     std::weak_ptr<Source> weakSelf = weak_from_this();
-    registration_ = VnodeWatcher::shared().add(fileDescriptor_, [weakSelf](uint32_t events) {
+    registration_ = VnodeWatcher::shared().add(fileDescriptor_, eventMask_, [weakSelf](uint32_t events) {
         auto self = weakSelf.lock();
         if (!self) return;
         auto& source = static_cast<VnodeSource&>(*self);

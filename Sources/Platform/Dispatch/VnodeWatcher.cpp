@@ -18,11 +18,21 @@ namespace Dispatch::detail {
 
 namespace {
 
-// One mask for every watch, so that sources (and parent lookups) on the same
-// inode can share its watch descriptor.
-constexpr uint32_t watchMask = IN_MODIFY | IN_ATTRIB | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
-                               IN_DELETE_SELF | IN_MOVE_SELF;
 constexpr uint32_t entryChanges = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO;
+// What a node's own watch always asks for: attribute and link-count changes,
+// its deletion and its moves. None of these comes with a write.
+constexpr uint32_t nodeMask = IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF;
+// What a folder watched for one of its entries asks for.
+constexpr uint32_t parentMask = IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO;
+
+// The inotify events a source needs for the vnode events it wants. IN_MODIFY
+// only when it wants writes or growth of a file: every write(2) to a watched
+// file (and to any file of a watched folder) otherwise queues an event and
+// wakes the event thread, which would cost every log record a context switch.
+uint32_t inotifyMask(uint32_t wanted, bool isDirectory) {
+    if (isDirectory) return nodeMask | entryChanges;
+    return (wanted & (FileSystemEvent::writeBit | FileSystemEvent::extendBit)) ? nodeMask | IN_MODIFY : nodeMask;
+}
 
 std::string descriptorPath(int fileDescriptor) { return "/proc/self/fd/" + std::to_string(fileDescriptor); }
 
@@ -45,7 +55,7 @@ VnodeWatcher::VnodeWatcher() {
     }
 }
 
-VnodeWatcher::RegistrationId VnodeWatcher::add(int fileDescriptor, Notify notify) {
+VnodeWatcher::RegistrationId VnodeWatcher::add(int fileDescriptor, uint32_t wantedEvents, Notify notify) {
     struct stat status {};
     if (fstat(fileDescriptor, &status) != 0) {
         std::fprintf(stderr, "Dispatch: file-system source on descriptor %d never fires: fstat: %s\n", fileDescriptor,
@@ -54,7 +64,7 @@ VnodeWatcher::RegistrationId VnodeWatcher::add(int fileDescriptor, Notify notify
     }
     std::lock_guard lock(mutex_);
     if (inotifyFd_ < 0) return 0;
-    int nodeWatch = addWatch(descriptorPath(fileDescriptor));
+    int nodeWatch = addWatch(descriptorPath(fileDescriptor), inotifyMask(wantedEvents, S_ISDIR(status.st_mode)));
     if (nodeWatch < 0) {
         std::fprintf(stderr, "Dispatch: file-system source on descriptor %d never fires: inotify_add_watch: %s\n",
                      fileDescriptor, std::strerror(errno));
@@ -91,8 +101,10 @@ void VnodeWatcher::remove(RegistrationId id) {
     registrations_.erase(found);
 }
 
-int VnodeWatcher::addWatch(const std::string& path) {
-    int watch = inotify_add_watch(inotifyFd_, path.c_str(), watchMask);
+int VnodeWatcher::addWatch(const std::string& path, uint32_t mask) {
+    // A node has one watch descriptor per inotify instance; IN_MASK_ADD widens
+    // a shared watch to what every user of it asks for.
+    int watch = inotify_add_watch(inotifyFd_, path.c_str(), mask | IN_MASK_ADD);
     if (watch >= 0) ++watches_[watch].references;
     return watch;
 }
@@ -115,7 +127,7 @@ void VnodeWatcher::followParent(RegistrationId id, Registration& registration) {
     // Only nodes with a real path have a parent folder ("/" and "pipe:[...]" have none).
     if (!path.empty() && path[0] == '/' && slash != std::string::npos && slash + 1 < path.size()) {
         name = path.substr(slash + 1);
-        newParent = addWatch(slash == 0 ? "/" : path.substr(0, slash));
+        newParent = addWatch(slash == 0 ? "/" : path.substr(0, slash), parentMask);
     }
     if (oldParent >= 0) {
         watches_[oldParent].entries.erase(id);

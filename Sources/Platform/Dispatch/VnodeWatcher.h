@@ -35,10 +35,12 @@ public:
     /// inotify descriptor) until the process ends.
     static VnodeWatcher& shared();
 
-    /// Starts reporting the events of the node fileDescriptor refers to.
-    /// The descriptor must stay open until remove(). Returns 0 when the node
-    /// cannot be watched (the reason is printed to standard error).
-    RegistrationId add(int fileDescriptor, Notify notify);
+    /// Starts reporting the events of the node fileDescriptor refers to;
+    /// wantedEvents (FileSystemEvent bits) chooses what the kernel is asked
+    /// for, and notify may also receive other bits. The descriptor must stay
+    /// open until remove(). Returns 0 when the node cannot be watched (the
+    /// reason is printed to standard error).
+    RegistrationId add(int fileDescriptor, uint32_t wantedEvents, Notify notify);
     /// Stops reporting; no notify call begins after this returns.
     void remove(RegistrationId id);
 
@@ -69,7 +71,7 @@ private:
     uint32_t refreshStatus(Registration& registration, bool attributesChanged);
     uint32_t reportDeleteOnce(RegistrationId id, Registration& registration, uint32_t events);  // needs mutex_
     void followParent(RegistrationId id, Registration& registration);  // needs mutex_
-    int addWatch(const std::string& path);                            // needs mutex_
+    int addWatch(const std::string& path, uint32_t mask);             // needs mutex_
     void releaseWatch(int watch);                                     // needs mutex_
 
     int inotifyFd_ = -1;

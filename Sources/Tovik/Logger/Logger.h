@@ -8,8 +8,8 @@
 //     TLOG_INFO("run()", fmt::format("{} returned {}", path, status));
 //
 // The message expression is evaluated only when the level passes the
-// threshold, and at most once. A disabled call costs one relaxed load and a
-// comparison.
+// threshold, and at most once. A disabled macro call costs one relaxed load of
+// a global and a comparison; it does not even reach Logger::shared().
 //
 // Formatted text: letter + ": (" + location + ") " + message, where location is
 // the source file's name without folders and extension, followed by ": " and
@@ -17,9 +17,10 @@
 // letter + ": " + message.
 //
 // Threading: log calls may come from any thread. The logger takes no lock: it
-// reads the threshold and a snapshot of the handler list and calls each
-// handler in list order on the caller's thread. logLevel and handlers are set
-// during start-up; a call that overlaps a replacement uses the list it read.
+// reads the threshold and the current handler list and calls each handler in
+// list order on the caller's thread. logLevel and handlers are set during
+// start-up; a call that overlaps a replacement uses the list it read, and
+// setHandlers returns once no call of another thread uses the old list.
 #pragma once
 
 #include <atomic>
@@ -42,28 +43,48 @@ public:
     /// Created on first use, once, even under concurrent first use; lives until
     /// the process ends. Starts at threshold `info` with one NSLogHandler.
     static Logger& shared();
+    /// Whether the shared logger takes calls of this level, without creating it.
+    static bool isSharedEnabled(LogLevel level) {
+        return static_cast<int64_t>(level) >= sharedLogLevel_.load(std::memory_order_relaxed);
+    }
 
     Logger();
+    ~Logger();
+    Logger(const Logger&) = delete;
+    Logger& operator=(const Logger&) = delete;
 
-    LogLevel logLevel() const { return static_cast<LogLevel>(logLevel_.load(std::memory_order_relaxed)); }
-    void setLogLevel(LogLevel level) { logLevel_.store(static_cast<int64_t>(level), std::memory_order_relaxed); }
+    LogLevel logLevel() const { return static_cast<LogLevel>(logLevel_->load(std::memory_order_relaxed)); }
+    void setLogLevel(LogLevel level) { logLevel_->store(static_cast<int64_t>(level), std::memory_order_relaxed); }
 
     HandlerList handlers() const;
-    /// Replaces the whole list; the old handlers are released once no call uses them.
+    /// Replaces the whole list. Returns once no call on another thread uses
+    /// the old list; a call of this thread that is still running (a handler
+    /// replacing the list) keeps it until it ends.
     void setHandlers(HandlerList handlers);
 
     bool isEnabled(LogLevel level) const {
-        return static_cast<int64_t>(level) >= logLevel_.load(std::memory_order_relaxed);
+        return static_cast<int64_t>(level) >= logLevel_->load(std::memory_order_relaxed);
     }
 
     /// The log call: drops it below the threshold, else takes the timestamp,
     /// builds the message once, formats it and hands it to every handler.
     template <class MessageFn>
     void log(LogLevel level, MessageFn&& message, std::string_view file, std::string_view function,
-             unsigned line) {
+             unsigned /*line*/) {
         if (!isEnabled(level)) return;
         Date date = std::chrono::system_clock::now();
-        dispatch(level, date, std::forward<MessageFn>(message)(), file, function, line);
+        dispatch(level, date, std::forward<MessageFn>(message)(), sourceName(file), function);
+    }
+    /// The same with the source name already taken from the file (the macros
+    /// do it at compile time).
+    struct Source {
+        std::string_view name;
+    };
+    template <class MessageFn>
+    void log(LogLevel level, MessageFn&& message, Source source, std::string_view function) {
+        if (!isEnabled(level)) return;
+        Date date = std::chrono::system_clock::now();
+        dispatch(level, date, std::forward<MessageFn>(message)(), source.name, function);
     }
 
     /// The plain-string bridge: the message is already built.
@@ -96,16 +117,30 @@ public:
     static std::string formattedText(LogLevel level, std::string_view message, std::string_view file,
                                      std::string_view function);
     /// "Tovik/FileLogManager.cpp" -> "FileLogManager"; "" -> "".
-    static std::string_view sourceName(std::string_view file);
+    static constexpr std::string_view sourceName(std::string_view file) {
+        if (auto slash = file.rfind('/'); slash != std::string_view::npos) file.remove_prefix(slash + 1);
+        // A leading dot starts a hidden name, not an extension.
+        if (auto dot = file.rfind('.'); dot != std::string_view::npos && dot != 0) file = file.substr(0, dot);
+        return file;
+    }
 
 private:
-    void dispatch(LogLevel level, Date date, std::string message, std::string_view file,
-                  std::string_view function, unsigned line);
+    struct SharedTag {};
+    explicit Logger(SharedTag);
 
-    std::shared_ptr<const HandlerList> snapshot() const;
+    void dispatch(LogLevel level, Date date, const std::string& message, std::string_view source,
+                  std::string_view function);
+    void callHandlers(LogLevel level, Date date, std::string_view text);
 
-    std::atomic<int64_t> logLevel_;
-    // Replaced whole, never changed in place: a call logs to the list it took.
+    // The shared logger's threshold, a global so that a disabled macro call
+    // needs neither the instance nor its guard.
+    static inline constinit std::atomic<int64_t> sharedLogLevel_{static_cast<int64_t>(LogLevel::info)};
+
+    std::atomic<int64_t> ownLogLevel_;
+    std::atomic<int64_t>* const logLevel_;  // &sharedLogLevel_ or &ownLogLevel_
+    // The list is replaced whole, never changed in place. current_ is what
+    // calls read; handlers_ owns it and changes under handlersLock_.
+    std::atomic<const HandlerList*> current_;
     mutable UnfairLock handlersLock_;
     std::shared_ptr<const HandlerList> handlers_;
 };
@@ -117,12 +152,13 @@ private:
 extern "C" void TovikLog(int level, const char* message, const char* file, const char* function,
                          unsigned line);
 
-#define TLOG(level, function, ...)                                                               \
-    do {                                                                                         \
-        ::Tovik::Logger& tovikLogger_ = ::Tovik::Logger::shared();                               \
-        if (tovikLogger_.isEnabled(level))                                                       \
-            tovikLogger_.log((level), [&]() -> std::string { return __VA_ARGS__; }, __FILE__,    \
-                             (function), __LINE__);                                              \
+#define TLOG(level, function, ...)                                                                   \
+    do {                                                                                             \
+        if (::Tovik::Logger::isSharedEnabled(level)) {                                               \
+            static constexpr ::Tovik::Logger::Source tovikSource_{::Tovik::Logger::sourceName(__FILE__)}; \
+            ::Tovik::Logger::shared().log((level), [&]() -> std::string { return __VA_ARGS__; },     \
+                                          tovikSource_, (function));                                 \
+        }                                                                                            \
     } while (0)
 
 #define TLOG_VERBOSE(function, ...) TLOG(::Tovik::LogLevel::verbose, function, __VA_ARGS__)

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -157,4 +158,51 @@ TEST_F(DispatchSourceFileSystemObjectTests, SourcesOnOneNodeShareTheWatchAndCanc
     chmod(file.c_str(), 0600);
     EXPECT_TRUE(onlyAttrib.sawEventually(Event::attrib()));
     EXPECT_EQ(onlyAttrib.events(), Event::attrib());
+}
+
+namespace {
+
+// The inotify event mask this process's watches ask for on the node at path
+// (0 when none watches it), read from /proc/self/fdinfo.
+uint32_t kernelWatchMask(const fs::path& path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0) return 0;
+    uint32_t mask = 0;
+    for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+        std::error_code error;
+        if (fs::read_symlink(entry.path(), error).string() != "anon_inode:inotify") continue;
+        std::ifstream info("/proc/self/fdinfo/" + entry.path().filename().string());
+        for (std::string line; std::getline(info, line);) {
+            unsigned long inode = 0;
+            unsigned watchMask = 0;
+            if (auto at = line.find(" ino:"); at != std::string::npos &&
+                                              std::sscanf(line.c_str() + at, " ino:%lx", &inode) == 1 &&
+                                              inode == status.st_ino) {
+                if (auto maskAt = line.find(" mask:"); maskAt != std::string::npos &&
+                                                       std::sscanf(line.c_str() + maskAt, " mask:%x", &watchMask) == 1)
+                    mask |= watchMask;
+            }
+        }
+    }
+    return mask;
+}
+
+}  // namespace
+
+TEST_F(DispatchSourceFileSystemObjectTests, WritesAreWatchedOnlyForSourcesThatWantThem) {
+    // A log file watched for its removal is written on every record: neither
+    // its watch nor its folder's may ask the kernel for modifications.
+    fs::path file = root_ / "file.log";
+    TestSupport::writeFile(file, "x");
+    constexpr uint32_t modify = 0x2;  // IN_MODIFY
+    Watch removal(file, Event::delete_() | Event::rename());
+    EXPECT_NE(kernelWatchMask(file), 0u);
+    EXPECT_EQ(kernelWatchMask(file) & modify, 0u);
+    EXPECT_EQ(kernelWatchMask(root_.path()) & modify, 0u);
+
+    // A source that wants writes widens the shared watch, and hears them.
+    Watch writes(file, Event::write());
+    EXPECT_NE(kernelWatchMask(file) & modify, 0u);
+    EXPECT_TRUE(writes.reports(Event::write(), [&] { TestSupport::writeFile(file, "xy"); }));
+    EXPECT_TRUE(removal.reports(Event::delete_(), [&] { fs::remove(file); }));
 }

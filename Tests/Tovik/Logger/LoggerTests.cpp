@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <thread>
 
 #include "Support/LogCapture.h"
@@ -55,11 +56,27 @@ TEST(LoggerTests, SharedLoggerBuildsMessagesOnlyAboveThreshold) {
     EXPECT_EQ(first->entries(), second->entries());  // same level, timestamp and text
 }
 
+namespace {
+
+// Counts the calls it gets into a counter that outlives it; a handler used
+// after its list let it go is a use after free the sanitizers report.
+class CountingHandler : public LogHandlerProtocol {
+public:
+    explicit CountingHandler(std::shared_ptr<std::atomic<int>> calls) : calls_(std::move(calls)) {}
+    void log(LogLevel, Date, std::string_view text) noexcept override {
+        if (text == "I: (T) m") calls_->fetch_add(1);
+    }
+
+private:
+    std::shared_ptr<std::atomic<int>> calls_;
+};
+
+}  // namespace
+
 TEST(LoggerTests, HandlerListCanBeReplacedWhileOtherThreadsLog) {
     Logger logger;
-    auto first = std::make_shared<RecordingHandler>();
-    auto second = std::make_shared<RecordingHandler>();
-    logger.setHandlers({first});
+    auto calls = std::make_shared<std::atomic<int>>(0);
+    logger.setHandlers({std::make_shared<CountingHandler>(calls)});
 
     constexpr int threadCount = 4, callsPerThread = 500;
     std::vector<std::thread> threads;
@@ -70,9 +87,45 @@ TEST(LoggerTests, HandlerListCanBeReplacedWhileOtherThreadsLog) {
             }
         });
     }
-    for (int i = 0; i < 100; ++i) logger.setHandlers({i % 2 == 0 ? second : first});
+    // Only the logger holds the handlers: each replacement releases the old one.
+    for (int i = 0; i < 100; ++i) logger.setHandlers({std::make_shared<CountingHandler>(calls)});
     for (auto& thread : threads) thread.join();
 
     // Every call reached exactly one of the lists it could have read.
-    EXPECT_EQ(first->entries().size() + second->entries().size(), size_t{threadCount * callsPerThread});
+    EXPECT_EQ(calls->load(), threadCount * callsPerThread);
+}
+
+TEST(LoggerTests, AHandlerMayLogAndReplaceTheListItIsCalledFrom) {
+    Logger logger;
+    auto later = std::make_shared<RecordingHandler>();
+    auto replacement = std::make_shared<RecordingHandler>();
+
+    // The first handler logs from inside its call, then replaces the list that
+    // holds it and `later`; `later` must still get the record.
+    class Replacing : public LogHandlerProtocol {
+    public:
+        Replacing(Logger& logger, std::shared_ptr<RecordingHandler> replacement)
+            : logger_(logger), replacement_(std::move(replacement)) {}
+        void log(LogLevel, Date, std::string_view text) noexcept override {
+            if (text != "I: (T) replace") return;
+            logger_.log(LogLevel::info, [] { return std::string("nested"); }, "T.cpp", "f()", 1);
+            logger_.setHandlers({replacement_});
+        }
+
+    private:
+        Logger& logger_;
+        std::shared_ptr<RecordingHandler> replacement_;
+    };
+    std::weak_ptr<LogHandlerProtocol> replacing;
+    {
+        auto handler = std::make_shared<Replacing>(logger, replacement);
+        replacing = handler;
+        logger.setHandlers({handler, later});
+    }
+    logger.log(LogLevel::info, [] { return std::string("replace"); }, "T.cpp", "f()", 1);
+
+    EXPECT_THAT(later->lines(), ElementsAre("I: (T) nested", "I: (T) replace"));
+    EXPECT_TRUE(replacing.expired());  // released when the call that used it ended
+    logger.log(LogLevel::info, [] { return std::string("after"); }, "T.cpp", "f()", 1);
+    EXPECT_THAT(replacement->lines(), ElementsAre("I: (T) after"));
 }

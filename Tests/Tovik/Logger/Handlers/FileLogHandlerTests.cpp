@@ -2,10 +2,14 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+
+#include <random>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
@@ -100,6 +104,48 @@ TEST(FileLogHandlerFormat, StripsCredentialHeadersInAnyCase) {
         std::string out = "<";
         FileLogHandler::stripCredentials(text, out);
         EXPECT_EQ(out, "<" + expected) << text;
+    }
+}
+
+TEST(FileLogHandlerFormat, StrippingAgreesWithTheExpressionOnTextsOfEveryLength) {
+    // Texts of 0 to 99 bytes from the pattern's own letters, with the words
+    // planted at every offset: the quick scan must never miss what the
+    // expression would strip, wherever block boundaries fall.
+    // The expression's meaning, spelled out: a header word (any case), ": ",
+    // then a value up to the line's end becomes the word and ": stripped".
+    auto expected = [](const std::string& text) {
+        std::string out;
+        for (size_t at = 0; at < text.size();) {
+            size_t length = 0;
+            for (std::string_view word : {"cookie", "authorization"}) {
+                if (text.size() - at >= word.size() + 3 &&
+                    std::equal(word.begin(), word.end(), text.begin() + at,
+                               [](char w, char c) { return w == (c | 0x20) && std::isalpha(c); }) &&
+                    text.compare(at + word.size(), 2, ": ") == 0 && text[at + word.size() + 2] != '\n')
+                    length = word.size();
+            }
+            if (length == 0) {
+                out += text[at++];
+                continue;
+            }
+            out.append(text, at, length).append(": stripped");
+            at = std::min(text.find('\n', at), text.size());
+        }
+        return out;
+    };
+    const std::string alphabet = "cCoOkKiIeEzZaAuUtThHrRnN:: \n-x";
+    const std::string_view words[] = {"Cookie: v", "AUTHORIZATION: v", "cookie:v", "authorizatioN: \n", "k: z: "};
+    std::mt19937 random(20261125);
+    for (int round = 0; round < 20000; ++round) {
+        std::string text(random() % 100, ' ');
+        for (char& c : text) c = alphabet[random() % alphabet.size()];
+        if (round % 2 == 0) {
+            const std::string_view word = words[random() % std::size(words)];
+            text.replace(random() % (text.size() + 1), 0, word);
+        }
+        std::string out;
+        FileLogHandler::stripCredentials(text, out);
+        ASSERT_EQ(out, expected(text)) << text;
     }
 }
 
