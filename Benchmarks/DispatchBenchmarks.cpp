@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "Dispatch/DispatchQueue.h"
+#include "Figures.h"
 #include "Dispatch/DispatchSemaphore.h"
 
 using namespace Dispatch;
@@ -200,4 +201,20 @@ BENCHMARK(WorkerSync)->UseRealTime();
 BENCHMARK(DispatchSyncBusy)->UseRealTime();
 BENCHMARK(WorkerSyncBusy)->UseRealTime();
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    Figures::MedianReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+    for (const char* name : {"AsyncRoundTrip", "AsyncThroughput", "Sync", "SyncBusy"}) {
+        const double queue = reporter.realNs(std::string("Dispatch") + name);
+        const double worker = reporter.realNs(std::string("Worker") + name);
+        if (queue > 0 && worker > 0) {
+            Figures::report(std::string("dispatch: ") + name + " vs a hand-written worker thread",
+                            Figures::text("%.2f us vs %.2f us, %.2fx", queue / 1e3, worker / 1e3, queue / worker), "",
+                            false);
+        }
+    }
+    return 0;
+}

@@ -26,6 +26,7 @@
 #include "Security/SecKeychain.h"
 #include "Tovik/KeyChain.h"
 #include "Tovik/Logger/Logger.h"
+#include "Figures.h"
 #include "RunInSandbox.h"
 
 namespace {
@@ -107,34 +108,14 @@ void BM_BareUpsert(benchmark::State& state) {
 }
 BENCHMARK(BM_BareUpsert);
 
-// Prints the table as usual and keeps each benchmark's median real time (or
-// its one run's, without repetitions), in nanoseconds.
-class CollectingReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            if (run.error_occurred) continue;
-            const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
-            if (median || (run.run_type == Run::RT_Iteration && run.repetitions <= 1))
-                medians[run.run_name.function_name] =
-                    run.GetAdjustedRealTime() * 1e9 / benchmark::GetTimeUnitMultiplier(run.time_unit);
-        }
-    }
-    std::map<std::string, double> medians;
-};
-
-void printSummary(const std::map<std::string, double>& medians) {
-    auto time = [&](const char* name) {
-        auto found = medians.find(name);
-        return found == medians.end() ? 0.0 : found->second;
-    };
-    std::printf("\nKeychain item calls, %zu-byte item, medians (target <= 2.00x the bare statement)\n", first.size());
+void printSummary(const Figures::MedianReporter& reporter) {
+    std::printf("\nKeychain item calls, %zu-byte item, medians\n", first.size());
     auto line = [&](const char* label, const char* call, const char* bareLabel, const char* bareCall) {
-        const double calls = time(call), bareTime = time(bareCall);
+        const double calls = reporter.realNs(call), bareTime = reporter.realNs(bareCall);
         if (calls == 0 || bareTime == 0) return;
-        std::printf("  %-30s %9.2f us   %-14s %9.2f us   %5.2fx\n", label, calls / 1e3, bareLabel, bareTime / 1e3,
-                    calls / bareTime);
+        Figures::report(std::string("keychain: ") + label + " vs " + bareLabel,
+                        Figures::text("%.2f us vs %.2f us, %.2fx", calls / 1e3, bareTime / 1e3, calls / bareTime),
+                        "<= 2x", calls / bareTime <= 2);
     };
     line("KeyChain.load", "BM_KeyChainLoad", "bare SELECT", "BM_BareSelect");
     line("KeyChain.save, same bytes", "BM_KeyChainSaveUnchanged", "bare SELECT", "BM_BareSelect");
@@ -162,10 +143,10 @@ int main(int argc, char** argv) {
     }
     std::printf("keychain file %s\n", file.c_str());
 
-    CollectingReporter reporter;
+    Figures::MedianReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
     sqlite3_close(bare);
-    printSummary(reporter.medians);
+    printSummary(reporter);
     return 0;
 }

@@ -26,6 +26,7 @@
 #include <string>
 #include <vector>
 
+#include "Figures.h"
 #include "Tovik/Logger/FileLogManager.h"
 #include "Tovik/Logger/Handlers/FileLogHandler.h"
 
@@ -270,51 +271,41 @@ void BM_TailBudgetBytes(benchmark::State& state) {
 }
 BENCHMARK(BM_TailBudgetBytes)->Unit(benchmark::kMillisecond);
 
-// Prints the table as usual and keeps the medians (or the single run's
-// figures without repetitions).
-class CollectingReporter : public benchmark::ConsoleReporter {
-public:
-    struct Figures {
-        double milliseconds = 0;
-        std::map<std::string, double> counters;
-    };
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            if (run.error_occurred) continue;
-            const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
-            if (!median && run.run_type == Run::RT_Aggregate) continue;
-            if (!median && figures.count(run.run_name.function_name)) continue;  // the first run until a median comes
-            Figures& kept = figures[run.run_name.function_name];
-            kept.milliseconds = run.GetAdjustedRealTime();
-            for (const auto& [name, counter] : run.counters) kept.counters[name] = counter.value;
-        }
-    }
-    std::map<std::string, Figures> figures;
-};
-
-void printSummary(std::map<std::string, CollectingReporter::Figures>& f) {
-    auto ms = [&](const char* name) { return f[name].milliseconds; };
+void printSummary(const Figures::MedianReporter& reporter) {
+    auto ms = [&](const char* name) { return reporter.realNs(name) / 1e6; };
+    auto readMiB = [&](const char* name) { return reporter.counter(name, "read_MiB"); };
     const double outMiB = double(setup.rangeEnd - setup.rangeStart) / (1 << 20);
+    const double save = ms("BM_SavePeriod"), cat = ms("BM_CatPeriodRange"), scan = ms("BM_LinearScanPeriod");
     std::printf("\nPeriod of 1 %% (whole selector), output %.2f MiB; medians\n", outMiB);
-    std::printf("  save                         %8.2f ms   read %.2f MiB (target <= output + 28 = %.2f)\n",
-                ms("BM_SavePeriod"), f["BM_SavePeriod"].counters["read_MiB"], outMiB + 28);
-    std::printf("  cat of the output range      %8.2f ms   save / cat %.2fx (target <= 1.2)\n", ms("BM_CatPeriodRange"),
-                ms("BM_SavePeriod") / ms("BM_CatPeriodRange"));
-    std::printf("  linear scan of both files    %8.2f ms   scan / save %.1fx (target >= 20)\n",
-                ms("BM_LinearScanPeriod"), ms("BM_LinearScanPeriod") / ms("BM_SavePeriod"));
-    std::printf("  extraction from clones       %8.2f ms   read %.2f MiB, extraction / cat %.2fx\n",
-                ms("BM_ExtractPeriodFromClones"), f["BM_ExtractPeriodFromClones"].counters["read_MiB"],
-                ms("BM_ExtractPeriodFromClones") / ms("BM_CatPeriodRange"));
-    std::printf("  cloning both files           %8.2f ms   (duplicateLogFiles, which saves no longer use)\n",
-                ms("BM_CloneStep"));
-    std::printf("\nWhole log, 10 MiB budget; medians\n");
-    std::printf("  save                         %8.2f ms   read %.2f MiB\n", ms("BM_SaveWholeLogBudget"),
-                f["BM_SaveWholeLogBudget"].counters["read_MiB"]);
-    std::printf("  copy from an existing clone  %8.2f ms\n", ms("BM_BudgetCopyFromClone"));
-    std::printf("  tail -c (read/write)         %8.2f ms   save / tail %.1fx, copy from clone / tail %.2fx\n",
-                ms("BM_TailBudgetBytes"), ms("BM_SaveWholeLogBudget") / ms("BM_TailBudgetBytes"),
-                ms("BM_BudgetCopyFromClone") / ms("BM_TailBudgetBytes"));
+    if (save > 0) {
+        Figures::report("log extraction, 1 % window: bytes read",
+                        Figures::text("%.2f MiB (output %.2f MiB)", readMiB("BM_SavePeriod"), outMiB),
+                        Figures::text("<= output + 28 = %.2f MiB", outMiB + 28),
+                        readMiB("BM_SavePeriod") <= outMiB + 28);
+    }
+    if (save > 0 && cat > 0) {
+        Figures::report("log extraction, 1 % window: save vs cat of the output range",
+                        Figures::text("%.2f ms vs %.2f ms, %.2fx", save, cat, save / cat), "<= 1.2x", save / cat <= 1.2);
+    }
+    if (save > 0 && scan > 0) {
+        Figures::report("log extraction, 1 % window: linear scan vs save",
+                        Figures::text("%.2f ms vs %.2f ms, %.1fx faster", scan, save, scan / save), ">= 20x faster",
+                        scan / save >= 20);
+    }
+    if (const double clones = ms("BM_ExtractPeriodFromClones"); clones > 0 && cat > 0) {
+        std::printf("  extraction from clones       %8.2f ms   read %.2f MiB, extraction / cat %.2fx\n", clones,
+                    readMiB("BM_ExtractPeriodFromClones"), clones / cat);
+    }
+    if (const double cloning = ms("BM_CloneStep"); cloning > 0) {
+        std::printf("  cloning both files           %8.2f ms   (duplicateLogFiles, which saves no longer use)\n",
+                    cloning);
+    }
+    if (const double whole = ms("BM_SaveWholeLogBudget"), tail = ms("BM_TailBudgetBytes"); whole > 0 && tail > 0) {
+        Figures::report("log extraction, whole log with a 10 MiB budget vs tail -c",
+                        Figures::text("%.2f ms vs %.2f ms, %.2fx (read %.2f MiB)", whole, tail, whole / tail,
+                                      readMiB("BM_SaveWholeLogBudget")),
+                        "", false);
+    }
 }
 
 }  // namespace
@@ -322,9 +313,9 @@ void printSummary(std::map<std::string, CollectingReporter::Figures>& f) {
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     prepare();
-    CollectingReporter reporter;
+    Figures::MedianReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
-    printSummary(reporter.figures);
+    printSummary(reporter);
     benchmark::Shutdown();
     fs::remove_all(setup.folder);
     return 0;

@@ -41,6 +41,7 @@
 #include "Tovik/KeyChainData.h"
 #include "Tovik/Logger/Logger.h"
 #include "Tovik/SecureStorage.h"
+#include "Figures.h"
 #include "RunInSandbox.h"
 
 namespace {
@@ -200,46 +201,23 @@ void BM_ThousandSetsWithinOneDelay(benchmark::State& state) {
 }
 BENCHMARK(BM_ThousandSetsWithinOneDelay)->Iterations(5)->Unit(benchmark::kMillisecond);
 
-// Prints the table as usual and keeps each benchmark's median real time (or
-// its one run's, without repetitions), in nanoseconds.
-class CollectingReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            if (run.error_occurred) continue;
-            const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
-            if (!median && !(run.run_type == Run::RT_Iteration && run.repetitions <= 1)) continue;
-            medians[run.run_name.function_name] =
-                run.GetAdjustedRealTime() * 1e9 / benchmark::GetTimeUnitMultiplier(run.time_unit);
-            if (run.counters.count("file_writes_per_1000_sets"))
-                writesPerRound = run.counters.at("file_writes_per_1000_sets");
-        }
-    }
-    std::map<std::string, double> medians;
-    double writesPerRound = -1;
-};
-
-void printSummary(const CollectingReporter& reporter) {
-    auto time = [&](const char* name) {
-        auto found = reporter.medians.find(name);
-        return found == reporter.medians.end() ? 0.0 : found->second;
-    };
-    std::printf("\nSecureStorage store of a %zu-byte blob, medians (target <= 1.30x the bare floor)\n",
-                blobOf(dictionaries[0]).size());
-    auto line = [&](const char* label, const char* call, const char* bareLabel, const char* bareCall) {
-        const double calls = time(call), bareTime = time(bareCall);
+void printSummary(const Figures::MedianReporter& reporter) {
+    std::printf("\nSecureStorage store of a %zu-byte blob, medians\n", blobOf(dictionaries[0]).size());
+    auto line = [&](const char* label, const char* call, const char* bareLabel, const char* bareCall, bool target) {
+        const double calls = reporter.realNs(call), bareTime = reporter.realNs(bareCall);
         if (calls == 0 || bareTime == 0) return;
-        std::printf("  %-30s %9.2f us   %-26s %9.2f us   %5.2fx\n", label, calls / 1e3, bareLabel, bareTime / 1e3,
-                    calls / bareTime);
+        Figures::report(std::string("secure storage: ") + label + " vs " + bareLabel,
+                        Figures::text("%.2f us vs %.2f us, %.2fx", calls / 1e3, bareTime / 1e3, calls / bareTime),
+                        target ? "<= 1.3x" : "", calls / bareTime <= 1.3);
     };
-    line("store(), key in memory", "BM_SecureStorageStore_MemoryKey", "bare floor", "BM_BareFloor");
+    line("store(), key in memory", "BM_SecureStorageStore_MemoryKey", "bare floor", "BM_BareFloor", false);
     line("store(), key in keychain", "BM_SecureStorageStore_Keychain", "bare floor + key UPSERT",
-         "BM_BareFloorWithKeyUpsert");
-    line("store(), key in keychain", "BM_SecureStorageStore_Keychain", "bare floor", "BM_BareFloor");
-    if (reporter.writesPerRound >= 0)
-        std::printf("1,000 set() calls within one write delay: %.2f file writes per round (must be 1)\n",
-                    reporter.writesPerRound);
+         "BM_BareFloorWithKeyUpsert", false);
+    line("store(), key in keychain", "BM_SecureStorageStore_Keychain", "bare AES-GCM + write + fsync + rename",
+         "BM_BareFloor", true);
+    const double writes = reporter.counter("BM_ThousandSetsWithinOneDelay", "file_writes_per_1000_sets");
+    Figures::report("secure storage: file writes for 1,000 set() calls within one write delay",
+                    Figures::text("%.2f", writes), "exactly 1", writes == 1);
 }
 
 }  // namespace
@@ -278,7 +256,7 @@ int main(int argc, char** argv) {
     }
     std::printf("files in %s, keychain file %s\n", files, keychain.c_str());
 
-    CollectingReporter reporter;
+    Figures::MedianReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
     sqlite3_close(bare);

@@ -49,6 +49,12 @@ sleep "$idle"
 t1=$(ticks); s1=$(switches)
 hz=$(getconf CLK_TCK)
 
-echo "start-up to \"VPN helper 1143 has been initialized\": ${startup_ms} ms (target <= 30 ms; log stamps have 1 ms resolution)"
-echo "resident memory while idle: $(( rss_kb / 1024 )).$(( (rss_kb % 1024) * 10 / 1024 )) MiB (${rss_kb} KiB, ${threads} threads; target <= 8 MiB)"
-echo "idle ${idle} s: CPU time $(( (t1 - t0) * 1000 / hz )) ms, context switches $(( s1 - s0 )) (the rotation check runs 5 s after start, then every 300 s)"
+rss_text="$(( rss_kb / 1024 )).$(( (rss_kb % 1024) * 10 / 1024 ))"
+figure() { printf 'FIGURE\t%s\t%s\t%s\t%s\n' "$1" "$2" "$3" "$4"; }
+figure "daemon: start-up to \"VPN helper 1143 has been initialized\"" "${startup_ms} ms (log stamps have 1 ms resolution)" \
+  "<= 30 ms" "$([ "$startup_ms" -le 30 ] && echo met || echo MISSED)"
+figure "daemon: resident memory while idle" "${rss_text} MiB (${rss_kb} KiB, ${threads} threads)" "<= 8 MiB" \
+  "$([ "$rss_kb" -le 8192 ] && echo met || echo MISSED)"
+figure "daemon: idle ${idle} s" "CPU time $(( (t1 - t0) * 1000 / hz )) ms, context switches $(( s1 - s0 ))" \
+  "none" "-"
+echo "(the rotation check runs 5 s after start, then every 300 s)"
