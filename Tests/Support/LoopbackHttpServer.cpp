@@ -138,4 +138,23 @@ void LoopbackHttpServer::serveConnection(int connection) {
     }
 }
 
+LoopbackPort::LoopbackPort(bool listening) {
+    socket_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    if (socket_ < 0 || ::bind(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        (listening && ::listen(socket_, 16) != 0) ||
+        ::getsockname(socket_, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+        ADD_FAILURE() << "LoopbackPort: cannot bind 127.0.0.1: " << std::strerror(errno);
+        return;
+    }
+    port_ = ntohs(address.sin_port);
+}
+
+LoopbackPort::~LoopbackPort() {
+    if (socket_ >= 0) ::close(socket_);
+}
+
 }  // namespace TestSupport

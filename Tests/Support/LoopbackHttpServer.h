@@ -70,4 +70,24 @@ private:
     bool stopping_ = false;              // guarded by mutex_
 };
 
+/// A port on 127.0.0.1 for client failure tests. listening true: connections
+/// complete into the backlog but are never accepted nor answered (the client
+/// times out); false: the port is bound but not listening, so every connection
+/// is refused. The port is held until destruction.
+class LoopbackPort {
+public:
+    explicit LoopbackPort(bool listening);
+    ~LoopbackPort();
+    LoopbackPort(const LoopbackPort&) = delete;
+    LoopbackPort& operator=(const LoopbackPort&) = delete;
+
+    std::uint16_t port() const { return port_; }
+    /// "http://127.0.0.1:<port>"
+    std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
+
+private:
+    int socket_ = -1;
+    std::uint16_t port_ = 0;
+};
+
 }  // namespace TestSupport

@@ -40,7 +40,15 @@ Loaded load() {
                 resolve(handle, "curl_easy_cleanup", c.easyCleanup, e) &&
                 resolve(handle, "curl_easy_strerror", c.easyStrerror, e) &&
                 resolve(handle, "curl_slist_append", c.slistAppend, e) &&
-                resolve(handle, "curl_slist_free_all", c.slistFreeAll, e);
+                resolve(handle, "curl_slist_free_all", c.slistFreeAll, e) &&
+                resolve(handle, "curl_multi_init", c.multiInit, e) &&
+                resolve(handle, "curl_multi_add_handle", c.multiAddHandle, e) &&
+                resolve(handle, "curl_multi_remove_handle", c.multiRemoveHandle, e) &&
+                resolve(handle, "curl_multi_perform", c.multiPerform, e) &&
+                resolve(handle, "curl_multi_poll", c.multiPoll, e) &&
+                resolve(handle, "curl_multi_wakeup", c.multiWakeup, e) &&
+                resolve(handle, "curl_multi_info_read", c.multiInfoRead, e) &&
+                resolve(handle, "curl_multi_cleanup", c.multiCleanup, e);
     if (loaded.ok && globalInit(CURL_GLOBAL_DEFAULT) != CURLE_OK) {
         loaded.ok = false;
         e = "curl_global_init failed";

@@ -18,6 +18,15 @@ struct CurlLibrary {
     const char* (*easyStrerror)(CURLcode);
     curl_slist* (*slistAppend)(curl_slist*, const char*);
     void (*slistFreeAll)(curl_slist*);
+    // The multi interface, for transfers that can be cancelled while they wait.
+    CURLM* (*multiInit)();
+    CURLMcode (*multiAddHandle)(CURLM*, CURL*);
+    CURLMcode (*multiRemoveHandle)(CURLM*, CURL*);
+    CURLMcode (*multiPerform)(CURLM*, int*);
+    CURLMcode (*multiPoll)(CURLM*, curl_waitfd*, unsigned int, int, int*);
+    CURLMcode (*multiWakeup)(CURLM*);
+    CURLMsg* (*multiInfoRead)(CURLM*, int*);
+    CURLMcode (*multiCleanup)(CURLM*);
 
     /// The library, loaded and globally initialised once per process; nothing
     /// when it cannot be loaded, with the reason in loadError(). Thread-safe.

@@ -1,8 +1,6 @@
 // Revealing files goes through a private bus daemon and a fake file manager.
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
@@ -11,8 +9,7 @@
 #include <mutex>
 #include <thread>
 
-#include "Kernel/FileDescriptor.h"
-#include "Posix/ChildProcess.h"
+#include "Support/PrivateBus.h"
 #include "Support/TestSupport.h"
 #include "Workspace/Workspace.h"
 
@@ -21,56 +18,8 @@ namespace {
 namespace fs = std::filesystem;
 using ::testing::HasSubstr;
 
-// DBUS_SESSION_BUS_ADDRESS set to address while the object lives.
-class ScopedBusAddress {
-public:
-    explicit ScopedBusAddress(const std::string& address) {
-        if (const char* old = ::getenv("DBUS_SESSION_BUS_ADDRESS")) previous_ = old;
-        ::setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
-    }
-    ~ScopedBusAddress() {
-        previous_ ? (void)::setenv("DBUS_SESSION_BUS_ADDRESS", previous_->c_str(), 1)
-                  : (void)::unsetenv("DBUS_SESSION_BUS_ADDRESS");
-    }
-
-private:
-    std::optional<std::string> previous_;
-};
-
-// A bus daemon of its own, listening in folder, and the session bus while the
-// object lives. No service folders: nothing is started on demand.
-class PrivateSessionBus {
-public:
-    explicit PrivateSessionBus(const fs::path& folder) {
-        TestSupport::writeFile(folder / "bus.conf",
-                               "<busconfig><type>session</type><listen>unix:dir=" + folder.string() +
-                                   "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
-                                   "<allow send_destination=\"*\"/><allow eavesdrop=\"true\"/><allow own=\"*\"/>"
-                                   "</policy></busconfig>");
-        int ends[2];
-        if (::pipe2(ends, O_CLOEXEC) != 0) return;
-        Kernel::FileDescriptor readEnd(ends[0]), writeEnd(ends[1]);
-        Kernel::FileDescriptor quiet(::open("/dev/null", O_WRONLY | O_CLOEXEC));  // its start-up warnings
-        Posix::ChildProcess::Options options;
-        options.arguments = {"--config-file=" + (folder / "bus.conf").string(), "--print-address", "--nofork"};
-        options.standardOutput = writeEnd.get();
-        options.standardError = quiet.get();
-        daemon_ = Posix::ChildProcess::spawn("/usr/bin/dbus-daemon", options);
-        writeEnd.reset();
-        char c;
-        while (::read(readEnd.get(), &c, 1) == 1 && c != '\n') address_ += c;
-        session_.emplace(address_);
-    }
-    ~PrivateSessionBus() {
-        if (daemon_) ::kill(daemon_->pid(), SIGTERM);
-    }
-    const std::string& address() const { return address_; }
-
-private:
-    std::optional<Posix::ChildProcess> daemon_;
-    std::string address_;
-    std::optional<ScopedBusAddress> session_;
-};
+using TestSupport::PrivateBus;
+using TestSupport::ScopedBusAddress;
 
 // Owns org.freedesktop.FileManager1 on the bus and records each ShowItems call.
 class FakeFileManager {
@@ -155,7 +104,7 @@ std::pair<bool, std::string> reveal(const std::vector<fs::path>& urls) {
 
 TEST(WorkspaceFileViewerTests, ShowItemsReachesTheFileManagerAsFileUris) {
     TestSupport::TemporaryDirectory folder("file-viewer");
-    PrivateSessionBus bus(folder.path());
+    PrivateBus bus(folder.path());
     ASSERT_FALSE(bus.address().empty());
     FakeFileManager fileManager(bus.address(), FakeFileManager::Answer::accept);
 
@@ -183,7 +132,7 @@ TEST(WorkspaceFileViewerTests, NoBusNoFileManagerRefusalOrSilenceGiveFalseAndOne
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        std::optional<PrivateSessionBus> bus;
+        std::optional<PrivateBus> bus;
         std::optional<ScopedBusAddress> noBus;
         std::optional<FakeFileManager> fileManager;
         if (row.busRuns) bus.emplace(folder.path());
