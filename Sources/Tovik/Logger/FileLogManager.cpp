@@ -104,6 +104,30 @@ private:
 
 std::string fileName(const std::string& path) { return std::filesystem::path(path).filename().string(); }
 
+// A new empty file ".<name>.XXXXXX" in a folder, removed when the scope ends
+// unless it was moved away (a rename over it, or kept()).
+class TemporaryFile {
+public:
+    TemporaryFile(const std::filesystem::path& folder, const std::string& name, const std::string& label) {
+        std::string pattern = ".";
+        pattern += name;
+        pattern += ".XXXXXX";
+        path_ = (folder / pattern).string();
+        const Kernel::FileDescriptor file(::mkostemp(path_.data(), O_CLOEXEC));
+        if (!file) throwErrno([&] { return label + ": mkstemp (" + path_ + ")"; });
+    }
+    ~TemporaryFile() {
+        if (!path_.empty()) ::unlink(path_.c_str());
+    }
+    TemporaryFile(const TemporaryFile&) = delete;
+    TemporaryFile& operator=(const TemporaryFile&) = delete;
+    const std::string& path() const { return path_; }
+    void kept() { path_.clear(); }
+
+private:
+    std::string path_;
+};
+
 // ---- Reading the files of a save ------------------------------------------
 
 // A file opened for reading at any offset; every byte read is counted. A
@@ -134,10 +158,13 @@ public:
     // Up to `length` bytes from `offset`; fewer only at the end of the file.
     std::string_view read(int64_t offset, int64_t length) {
         length = std::max<int64_t>(0, std::min(length, size_ - offset));
-        if (buffer_.size() < static_cast<size_t>(length)) buffer_.resize(static_cast<size_t>(length));
+        if (bufferSize_ < length) {
+            buffer_.reset(new char[static_cast<size_t>(length)]);  // not zero-filled: read into at once
+            bufferSize_ = length;
+        }
         int64_t done = 0;
         while (done < length) {
-            const ssize_t got = ::pread(file_.get(), buffer_.data() + done, static_cast<size_t>(length - done),
+            const ssize_t got = ::pread(file_.get(), buffer_.get() + done, static_cast<size_t>(length - done),
                                         offset - base_ + done);
             if (got < 0) {
                 if (errno == EINTR) continue;
@@ -147,7 +174,7 @@ public:
             done += got;
         }
         counter_.fetch_add(done, std::memory_order_relaxed);
-        return {buffer_.data(), static_cast<size_t>(done)};
+        return {buffer_.get(), static_cast<size_t>(done)};
     }
 
     // The first record separator in [offset, offset + within), or offset when
@@ -164,28 +191,28 @@ public:
         return offset;
     }
 
-    // Copies [offset, offset + length) to the end of `out` in the kernel; the
-    // bytes count as read.
+    // Copies [offset, offset + length) to the end of `out`; the bytes count
+    // as read. Up to a few MiB go through a buffer, which on file systems
+    // without shared extents (ext4) takes half the time of copy_file_range;
+    // more are left to the kernel, which may share them instead of copying.
     void copyTo(int out, int64_t offset, int64_t length, const std::string& outPath, const std::string& label) {
+        constexpr int64_t bufferedCopyLimit = 8 << 20;
         off_t in = offset - base_;
-        while (length > 0) {
+        while (length > bufferedCopyLimit) {
             const ssize_t copied = ::copy_file_range(file_.get(), &in, out, nullptr, static_cast<size_t>(length), 0);
             if (copied < 0 && errno == EINTR) continue;
-            if (copied < 0 && (errno == EXDEV || errno == ENOSYS || errno == EINVAL || errno == EOPNOTSUPP)) {
-                // No kernel copy between these files: through a buffer.
-                for (int64_t at = in + base_; length > 0;) {
-                    const std::string_view data = read(at, std::min<int64_t>(length, 1 << 20));
-                    if (data.empty()) return;
-                    writeFile(out, data, outPath, label);
-                    at += int64_t(data.size());
-                    length -= int64_t(data.size());
-                }
-                return;
-            }
+            if (copied < 0 && (errno == EXDEV || errno == ENOSYS || errno == EINVAL || errno == EOPNOTSUPP)) break;
             if (copied < 0) throwErrno([&] { return label + ": copy_file_range (" + path_ + ", " + outPath + ")"; });
             if (copied == 0) return;
             counter_.fetch_add(copied, std::memory_order_relaxed);
             length -= copied;
+        }
+        for (int64_t at = in + base_; length > 0;) {
+            const std::string_view data = read(at, std::min<int64_t>(length, 1 << 20));
+            if (data.empty()) return;
+            writeFile(out, data, outPath, label);
+            at += int64_t(data.size());
+            length -= int64_t(data.size());
         }
     }
 
@@ -195,7 +222,8 @@ private:
     std::atomic<int64_t>& counter_;
     int64_t base_ = 0;
     int64_t size_ = 0;
-    std::vector<char> buffer_;
+    std::unique_ptr<char[]> buffer_;
+    int64_t bufferSize_ = 0;
 };
 
 // ---- Finding a period in a clone -------------------------------------------
@@ -290,21 +318,22 @@ bool learn(Boundary& bound, int64_t knownFrom, const Block& block) {
 }
 
 // Runs the bisections of `bounds` over one file, one after the other; every
-// block read teaches all of them. While an interval is wider than a block, a
-// probe at its middle reads a small piece, twice as much each time a piece
-// holds no whole header; the last block is then searched whole. The first
-// probe is at the end of the file (periods asked for are mostly recent). True
-// when a record was seen; failures are added to `reports`.
+// block read teaches all of them. While an interval is wider than a probe, a
+// probe at its middle reads a small piece (a few records), twice as much each
+// time a piece holds no whole header, up to a block; the last piece is then
+// searched whole. The first probe is at the end of the file (periods asked
+// for are mostly recent). True when a record was seen; failures are added to
+// `reports`.
 bool findBoundaries(CopyReader& reader, std::vector<Boundary*> bounds, int64_t blockSize,
                     std::vector<std::string>& reports) {
-    constexpr int64_t firstProbe = 16 << 10;
+    const int64_t firstProbe = std::min<int64_t>(4 << 10, blockSize);
     const int64_t size = reader.size();
     bool seen = false;
     bool first = true;
     for (Boundary* bound : bounds) {
         while (!bound->done()) {
-            const bool probing = bound->hi - bound->lo > blockSize;
-            int64_t probe = probing ? std::min(firstProbe, blockSize) : blockSize;
+            const bool probing = bound->hi - bound->lo > firstProbe;
+            int64_t probe = probing ? firstProbe : bound->hi - bound->lo;
             int64_t from = probing ? bound->lo + (bound->hi - bound->lo) / 2 : bound->lo;
             if (first) from = std::max(bound->lo, size - probe);
             first = false;
@@ -382,7 +411,9 @@ Snapshot takeSnapshot(const std::string& path, const std::string& copyPath, std:
     if (old) snapshot.rotated.emplace(rotated, std::move(old), counter);
     live.takeSize();
     const Range range = rangeOf(live);
-    Kernel::FileDescriptor copy = openFile(copyPath, O_RDWR | O_CREAT | O_TRUNC, label);
+    // A new, empty file: no O_TRUNC, which on ext4 would have its close start
+    // writing it back (the replace-by-truncate safeguard), for nothing.
+    Kernel::FileDescriptor copy = openFile(copyPath, O_RDWR | O_CREAT, label);
     live.copyTo(copy.get(), range.start, range.end - range.start, copyPath, label);
     snapshot.live.emplace(path, std::move(copy), counter, range.start);
     return snapshot;
@@ -583,9 +614,18 @@ std::vector<std::string> FileLogManager::saveLogs(const LogSubsystemSelector& se
     const bool whole = selecting.kind() == LogSubsystemSelector::Kind::whole;
     if (whole && !opts.startDate && !opts.endDate) return {saveWholeLog(inFolder, opts.maxSize)};
     const int64_t budget = std::max<int64_t>(0, opts.maxSize.value_or(INT64_MAX));
-    const TemporaryFolder temporary(FileUtils::makeTemporaryFolder("log", inFolder, label));
-    const std::filesystem::path subsystems = temporary.path() / "subsystems";
-    std::filesystem::create_directories(subsystems);
+    // The whole selector makes one file: its copies wait as hidden files in
+    // the output folder. Sorting by subsystem works in a temporary folder.
+    std::optional<TemporaryFolder> temporary;
+    std::optional<TemporaryFile> liveCopyFile, wholeFile;
+    std::filesystem::path subsystems;
+    if (whole) {
+        liveCopyFile.emplace(inFolder, fileName(filepath_), label);
+    } else {
+        temporary.emplace(FileUtils::makeTemporaryFolder("log", inFolder, label));
+        subsystems = temporary->path() / "subsystems";
+        std::filesystem::create_directories(subsystems);
+    }
     // Named variables, not structured bindings: the lambda below captures them.
     const auto keys = periodKeys(opts);
     const std::optional<std::string>& startKey = keys.first;
@@ -594,7 +634,7 @@ std::vector<std::string> FileLogManager::saveLogs(const LogSubsystemSelector& se
     // The live file is searched and its period copied out under its lock;
     // what the search has to report waits until the lock is released.
     std::vector<std::string> liveReports, rotatedReports;
-    const std::string liveCopy = (temporary.path() / "live").string();
+    const std::string liveCopy = whole ? liveCopyFile->path() : (temporary->path() / "live").string();
     Snapshot snapshot = takeSnapshot(filepath_, liveCopy, bytesRead_, label, [&](CopyReader& live) {
         return findPeriod(live, startKey, endKey, blockSize_, liveReports).value_or(Range{});
     });
@@ -605,23 +645,34 @@ std::vector<std::string> FileLogManager::saveLogs(const LogSubsystemSelector& se
     reportErrors(rotatedReports);
     reportErrors(liveReports);
 
-    const std::string named = (subsystems / fileName(filepath_)).string();
-    std::vector<std::string> extracts;
+    // Each extract with the name it is saved under.
+    std::vector<std::pair<std::string, std::string>> extracts;
     if (whole) {
-        writeWhole(named, rotated, rotatedRange, live, liveCopy, label);
-        extracts.push_back(named);
+        std::string extract = liveCopy;  // the whole period when generation 1 adds nothing
+        if (rotated != nullptr && rotatedRange.start < rotatedRange.end) {
+            wholeFile.emplace(inFolder, fileName(filepath_), label);
+            writeWhole(wholeFile->path(), rotated, rotatedRange, live, liveCopy, label);
+            extract = wholeFile->path();
+        }
+        extracts.emplace_back(extract, fileName(filepath_));
     } else {
-        RecordSorter sorter(selecting, subsystems, named, blockSize_);
+        RecordSorter sorter(selecting, subsystems, (subsystems / fileName(filepath_)).string(), blockSize_);
         if (rotatedRange.start < rotatedRange.end) sorter.extract(*rotated, rotatedRange.start, rotatedRange.end);
         if (live.base() < live.size()) sorter.extract(live, live.base(), live.size());
-        extracts = sorter.finish();
+        for (std::string& extract : sorter.finish()) {
+            std::string name = fileName(extract);
+            extracts.emplace_back(std::move(extract), std::move(name));
+        }
     }
     std::vector<std::string> saved;
-    for (const std::string& extract : extracts) {
-        const std::string destination = (std::filesystem::path(inFolder) / fileName(extract)).string();
+    for (const auto& [extract, name] : extracts) {
+        const std::string destination = (std::filesystem::path(inFolder) / name).string();
         struct stat status {};
         if (::stat(extract.c_str(), &status) == 0 && status.st_size <= budget &&
             ::rename(extract.c_str(), destination.c_str()) == 0) {
+            for (auto* file : {&liveCopyFile, &wholeFile}) {
+                if (*file && (*file)->path() == extract) (*file)->kept();  // it is the saved file now
+            }
             saved.push_back(destination);
             continue;
         }
