@@ -59,3 +59,69 @@ TEST_F(UserDefaultsTests, ConcurrentWritersLoseNothingAndAFailedWriteKeepsTheFil
     EXPECT_FALSE(broken.set(PropertyList("value"), "key"));
     EXPECT_FALSE(broken.object("key"));
 }
+
+TEST_F(UserDefaultsTests, ForcedValuesWinThenArgumentsOwnGlobalAndRegistered) {
+    const fs::path managed = dir_ / "Managed Preferences";
+    UserDefaults defaults("suite", folder_, managed);
+    defaults.registerDefaults({{"registration", "registration"}, {"global", "registration"}});
+    ASSERT_TRUE(defaults.setPersistentDomain({{"global", "global"}, {"own", "global"}, {"AppleLanguages", "de"}},
+                                             UserDefaults::globalDomain));
+    ASSERT_TRUE(defaults.set(PropertyList("own"), "own"));
+    ASSERT_TRUE(defaults.set(PropertyList("own"), "argument"));
+    defaults.setVolatileDomain({{"argument", "argument"}, {"forced", "argument"}}, UserDefaults::argumentDomain);
+    fs::create_directories(managed);
+    TestSupport::writeFile(managed / "suite.plist", PropertyList(PropertyList::Dictionary{{"forced", "forced"}}).data());
+
+    for (const char* key : {"forced", "argument", "own", "global", "registration"}) {
+        EXPECT_EQ(defaults.object(key), PropertyList(key)) << key;
+        EXPECT_EQ(defaults.objectIsForced(key), std::string(key) == "forced") << key;
+    }
+    EXPECT_TRUE(fs::exists(folder_ / ".GlobalPreferences.plist"));
+    EXPECT_EQ(UserDefaults("other", folder_).object("AppleLanguages"), PropertyList("de"));
+
+    // The administrator lifts the policy: seen at the next read.
+    TestSupport::writeFile(managed / "suite.plist", PropertyList(PropertyList::Dictionary{}).data());
+    EXPECT_FALSE(defaults.objectIsForced("forced"));
+    EXPECT_EQ(defaults.object("forced"), PropertyList("argument"));
+}
+
+TEST_F(UserDefaultsTests, ObserversHearOwnWritesAroundTheWriteAndOutsideEditsWhenFound) {
+    UserDefaults defaults("suite", folder_);
+    struct Heard {
+        bool prior;
+        std::optional<PropertyList> oldValue, newValue, read;
+    };
+    std::vector<Heard> heard;
+    auto observation = defaults.addObserver(
+        "key", Foundation::observeNew | Foundation::observeOld | Foundation::observePrior,
+        [&](const std::string& key, const void* object, const Foundation::KeyValueChange& change) {
+            EXPECT_EQ(key, "key");
+            EXPECT_EQ(object, &defaults);
+            // Reading from the observer: the lock is not held, and a prior
+            // notification comes before the value changes.
+            heard.push_back({change.isPrior, change.oldValue, change.newValue, defaults.object("key")});
+        });
+
+    ASSERT_TRUE(defaults.set(PropertyList("a"), "key"));
+    ASSERT_EQ(heard.size(), 2u);
+    EXPECT_TRUE(heard[0].prior);
+    EXPECT_EQ(heard[0].read, std::nullopt);
+    EXPECT_FALSE(heard[1].prior);
+    EXPECT_EQ(heard[1].oldValue, std::nullopt);
+    EXPECT_EQ(heard[1].newValue, PropertyList("a"));
+    EXPECT_EQ(heard[1].read, PropertyList("a"));
+
+    UserDefaults other("suite", folder_);
+    ASSERT_TRUE(other.set(PropertyList("b"), "key"));
+    ASSERT_TRUE(other.set(PropertyList("unobserved"), "another key"));
+    EXPECT_EQ(heard.size(), 2u);  // not before this object looks at the file
+    defaults.synchronize();
+    ASSERT_EQ(heard.size(), 4u);
+    EXPECT_TRUE(heard[2].prior);
+    EXPECT_EQ(heard[3].oldValue, PropertyList("a"));
+    EXPECT_EQ(heard[3].newValue, PropertyList("b"));
+
+    observation.remove();
+    ASSERT_TRUE(defaults.set(PropertyList("c"), "key"));
+    EXPECT_EQ(heard.size(), 4u);
+}
