@@ -1,18 +1,22 @@
 // Fuzzes opening a keychain file: the input is the whole database file of a
 // keychain named by its path ("<scratch>/fuzz.keychain-db"), searched for
-// every generic password and, when it opens as a keychain, written to. No
-// file may crash or hang the caller: every call answers with a keychain
-// status, and a search that succeeds returns one attribute dictionary per
-// item.
+// every generic password and every certificate, the trust settings of those
+// certificates read in each domain, and, when it opens as a keychain, written
+// to. No file may crash or hang the caller: every call answers with a
+// keychain status, and a search that succeeds returns one attribute
+// dictionary per item.
 #include <unistd.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "Fuzz/FuzzSupport.h"
+#include "Security/KeychainDatabase.h"
 #include "Security/SecBase.h"
+#include "Security/SecCertificate.h"
 #include "Security/SecItem.h"
 
 namespace {
@@ -41,6 +45,40 @@ template <class T>
 bool holds(const CFDictionary& attributes, const char* key) {
     auto entry = attributes.find(key);
     return entry != attributes.end() && entry->second.get<T>() != nullptr;
+}
+
+/// Reads the certificates of file and their trust settings (through the
+/// keychain's own reads: the trust-settings calls only use the domains' files).
+void readCertificates(const std::string& file) {
+    const CFDictionary search{{kSecClass, kSecClassCertificate},
+                              {kSecMatchSearchList, PropertyList::Array{file}},
+                              {kSecMatchLimit, kSecMatchLimitAll},
+                              {kSecReturnAttributes, true},
+                              {kSecReturnRef, true}};
+    CFTypeRef found;
+    const OSStatus status = SecItemCopyMatching(search, &found);
+    FUZZ_CHECK(isKeychainStatus(status));
+    if (status != errSecSuccess) return;
+    const auto* items = found ? found->get<PropertyList::Array>() : nullptr;
+    FUZZ_CHECK(items && !items->empty());
+    for (const auto& item : *items) {
+        const auto* attributes = item.get<CFDictionary>();
+        FUZZ_CHECK(attributes && holds<std::string>(*attributes, kSecClass) &&
+                   holds<PropertyList::Data>(*attributes, kSecValueRef));
+        const auto certificate = SecCertificateCreateWithData(*attributes->at(kSecValueRef).get<PropertyList::Data>());
+        if (!certificate) continue;
+        for (int64_t domain = 0; domain < 3; ++domain) {
+            PropertyList::Array settings;
+            const OSStatus read = detail::KeychainDatabase::copyTrustSettings(
+                file, detail::MissingKeychain::isError, domain, detail::certificateItemOf(*certificate).hash,
+                settings);
+            FUZZ_CHECK(isKeychainStatus(read) || read == errSecInvalidTrustSettings);
+            for (const auto& entry : settings) FUZZ_CHECK(entry.is<CFDictionary>());
+        }
+    }
+    std::vector<std::vector<uint8_t>> trusted;
+    FUZZ_CHECK(isKeychainStatus(detail::KeychainDatabase::certificatesWithTrustSettings(
+        file, detail::MissingKeychain::isError, 1, trusted)));
 }
 
 bool isItem(const PropertyList& value) {
@@ -74,6 +112,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         for (const auto& item : *items) FUZZ_CHECK(isItem(item));
     }
     if (status != errSecSuccess && status != errSecItemNotFound) return 0;
+    readCertificates(file);
 
     const CFDictionary item{{kSecClass, kSecClassGenericPassword},
                             {kSecAttrService, "fuzz"},

@@ -14,6 +14,9 @@
 #include <vector>
 
 #include "CommonCrypto/CommonCryptor.h"
+#include "Security/SecCertificate.h"
+#include "Security/SecItem.h"
+#include "Security/SecTrustSettings.h"
 #include "Support/MountNamespace.h"
 #include "Support/TestSupport.h"
 #include "Tovik/DataAES.h"
@@ -133,6 +136,7 @@ leaf server trusted "extendedKeyUsage=serverAuth\n"
 program signed developer; program outsiders outsider; program serverSigned server; program unsigned ""
 program changed developer; printf x >> changed
 mkdir anchors; cp trusted.pem anchors/; openssl rehash anchors
+openssl x509 -in untrusted.pem -outform DER -out untrusted.der
 )";
     fs::create_directories(folder);
     TestSupport::writeFile(folder / "make.sh", script);
@@ -200,5 +204,25 @@ TEST(CryptoUtilsTests, ValidatesSignaturesOfRunningPrograms) {
         const pid_t pid = program.pid();
         program.stop();
         EXPECT_FALSE(CryptoUtils::validateCodeSign(pid, c.team)) << "the process has ended";
+    }
+
+    // The untrusted root in the system keychain becomes a root through its
+    // trust settings, unless they deny it.
+    const std::string der = TestSupport::readFile(folder / "untrusted.der");
+    const auto root = Security::SecCertificateCreateWithData(Data(der.begin(), der.end()));
+    ASSERT_TRUE(root);
+    ASSERT_EQ(Security::SecItemAdd({{Security::kSecClass, Security::kSecClassCertificate},
+                                    {Security::kSecValueRef, Security::SecCertificateCopyData(root)}},
+                                   nullptr),
+              Security::errSecSuccess);
+    const Security::CFDictionary deny{{Security::kSecTrustSettingsResult, int(Security::kSecTrustSettingsResultDeny)}};
+    for (const bool trusted : {false, true}) {
+        ASSERT_EQ(Security::SecTrustSettingsSetTrustSettings(
+                      root, Security::kSecTrustSettingsDomainAdmin,
+                      trusted ? std::nullopt : std::optional<Foundation::PropertyList>(deny)),
+                  Security::errSecSuccess);
+        RunningProgram program(folder / "outsiders");
+        ASSERT_GT(program.pid(), 0);
+        EXPECT_EQ(CryptoUtils::validateCodeSign(program.pid(), "QX4HL2ZC8M"), trusted);
     }
 }

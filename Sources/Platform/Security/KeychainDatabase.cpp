@@ -7,8 +7,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <climits>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -23,11 +25,12 @@ namespace Security::detail {
 namespace {
 
 namespace fs = std::filesystem;
+using Foundation::PropertyList;
 
-constexpr int schemaVersion = 1;
+constexpr int schemaVersion = 2;
 constexpr int busyTimeoutMilliseconds = 10000;
 
-constexpr const char* schema = R"(
+constexpr const char* passwordTable = R"(
 CREATE TABLE genp (
     rowid INTEGER PRIMARY KEY,
     svce TEXT NOT NULL,
@@ -39,25 +42,35 @@ CREATE TABLE genp (
     mdat INTEGER NOT NULL,
     UNIQUE (svce, acct, agrp)
 ) STRICT;
+)";
+
+// Version 1 had tables of these names that nothing wrote; opening such a file
+// replaces them (under the write lock of the set-up) with these.
+constexpr const char* version1Tables = "DROP TABLE cert; DROP TABLE tset;";
+constexpr const char* certificateTables = R"(
 CREATE TABLE cert (
     rowid INTEGER PRIMARY KEY,
     ctyp INTEGER NOT NULL,
     issr BLOB NOT NULL,
     slnr BLOB NOT NULL,
     agrp TEXT NOT NULL,
-    subj BLOB,
+    subj BLOB NOT NULL,
     labl TEXT,
+    hash BLOB NOT NULL,
     data BLOB NOT NULL,
     cdat INTEGER NOT NULL,
     mdat INTEGER NOT NULL,
     UNIQUE (ctyp, issr, slnr, agrp)
 ) STRICT;
+CREATE INDEX cert_hash ON cert (hash);
 CREATE TABLE tset (
-    hash BLOB PRIMARY KEY,
+    domain INTEGER NOT NULL,
+    hash BLOB NOT NULL,
     data BLOB NOT NULL,
-    mdat INTEGER NOT NULL
-) STRICT;
-PRAGMA user_version = 1;
+    mdat INTEGER NOT NULL,
+    PRIMARY KEY (domain, hash)
+) STRICT, WITHOUT ROWID;
+PRAGMA user_version = 2;
 )";
 
 int64_t now() {
@@ -211,6 +224,24 @@ std::optional<std::string> firstText(sqlite3* db, const char* sql, int& code) {
     return text;
 }
 
+/// Puts the file in WAL mode (a no-op once it is) and answers the mode it is
+/// in. The switch reads the file's header, then asks for the write lock; as
+/// for any read that turns into a write, SQLite answers SQLITE_BUSY at once,
+/// without the busy handler, when another connection holds that lock (as
+/// another process setting up the same new file does). It is tried again, as
+/// that handler would, until the busy timeout has passed.
+std::optional<std::string> switchToWal(sqlite3* db, int& code) {
+    using namespace std::chrono;
+    static constexpr int delays[] = {1, 2, 5, 10, 15, 20, 25, 25, 25, 50, 50, 100};  // milliseconds
+    const auto deadline = steady_clock::now() + milliseconds(busyTimeoutMilliseconds);
+    for (size_t attempt = 0;; ++attempt) {
+        auto mode = firstText(db, "PRAGMA journal_mode = WAL", code);
+        const auto left = duration_cast<milliseconds>(deadline - steady_clock::now()).count();
+        if ((code & 0xff) != SQLITE_BUSY || left <= 0) return mode;
+        sqlite3_sleep(int(std::min<int64_t>(delays[std::min(attempt, std::size(delays) - 1)], left)));
+    }
+}
+
 /// Makes an empty file a keychain and checks that any other is one of ours.
 OSStatus setUp(sqlite3* db) {
     sqlite3_extended_result_codes(db, 1);
@@ -230,10 +261,15 @@ OSStatus setUp(sqlite3* db) {
     OSStatus status = statusForSqlite(code);
     if (status == errSecSuccess) {
         if (version == "0" && objects == "0") {
-            code = execute(db, schema);
+            code = execute(db, passwordTable);
+            if (code == SQLITE_OK) code = execute(db, certificateTables);
             status = statusForSqlite(code);
         } else if (version == "0" || !version || !objects) {
             status = errSecInvalidKeychain;  // some other database
+        } else if (version == "1") {
+            code = execute(db, version1Tables);
+            if (code == SQLITE_OK) code = execute(db, certificateTables);
+            status = statusForSqlite(code);
         } else if (*version != std::to_string(schemaVersion)) {
             status = errSecWrongSecVersion;
         }
@@ -242,7 +278,7 @@ OSStatus setUp(sqlite3* db) {
     if (status != errSecSuccess) return status;
     if (code != SQLITE_OK) return statusForSqlite(code);
 
-    auto mode = firstText(db, "PRAGMA journal_mode = WAL", code);
+    auto mode = switchToWal(db, code);
     if (code != SQLITE_OK) return statusForSqlite(code);
     if (mode != "wal") return errSecNotAvailable;
     if ((code = execute(db, "PRAGMA synchronous = FULL; PRAGMA secure_delete = ON")) != SQLITE_OK)
@@ -337,7 +373,18 @@ OSStatus finish(const std::shared_ptr<Connection>& connection, int code) {
 }
 
 // Statement keys: the operation, then bit masks of the attributes used.
-enum Operation : uint32_t { findItems = 1, addItem, updateItems, removeItems };
+enum Operation : uint32_t {
+    findItems = 1,
+    addItem,
+    updateItems,
+    removeItems,
+    findCertificateItems,
+    addCertificateItem,
+    removeCertificateItems,
+    findTrustSettings,
+    setTrustSettingsItem,
+    findTrustedCertificates,
+};
 constexpr const char* columns[] = {"svce", "acct", "agrp", "labl", "data"};
 constexpr int filterParameter = 1;   // ?1 ... ?4: the filter's values, in column order
 constexpr int timeParameter = 10;    // ?10: now
@@ -373,10 +420,13 @@ int bindText(sqlite3_stmt* statement, int index, const std::optional<std::string
     return text ? bindText(statement, index, *text) : sqlite3_bind_null(statement, index);
 }
 
+int bindBytes(sqlite3_stmt* statement, int index, const std::vector<uint8_t>& bytes) {
+    if (bytes.empty()) return sqlite3_bind_zeroblob(statement, index, 0);  // empty, not NULL
+    return sqlite3_bind_blob64(statement, index, bytes.data(), bytes.size(), SQLITE_STATIC);
+}
+
 int bindBytes(sqlite3_stmt* statement, int index, const std::optional<std::vector<uint8_t>>& bytes) {
-    if (!bytes) return sqlite3_bind_null(statement, index);
-    if (bytes->empty()) return sqlite3_bind_zeroblob(statement, index, 0);  // empty, not NULL
-    return sqlite3_bind_blob64(statement, index, bytes->data(), bytes->size(), SQLITE_STATIC);
+    return bytes ? bindBytes(statement, index, *bytes) : sqlite3_bind_null(statement, index);
 }
 
 int bindFilter(sqlite3_stmt* statement, const GenericPasswordFilter& filter) {
@@ -446,6 +496,47 @@ int run(Connection& connection, uint32_t key, const Sql& sql, const Bind& bind, 
 
 /// For statements without rows.
 bool noRows(sqlite3_stmt*) { return false; }
+
+std::vector<uint8_t> blobColumn(sqlite3_stmt* statement, int column) {
+    const auto* bytes = static_cast<const uint8_t*>(sqlite3_column_blob(statement, column));
+    return bytes ? std::vector<uint8_t>(bytes, bytes + sqlite3_column_bytes(statement, column))
+                 : std::vector<uint8_t>();
+}
+
+// Certificate filters: ?1 the label, ?2 the access group, ?3 the hash.
+uint32_t maskOf(const CertificateFilter& filter) {
+    return (filter.label ? 1u : 0u) | (filter.accessGroup ? 2u : 0u) | (filter.hash ? 4u : 0u);
+}
+
+std::string certificateWhereClause(uint32_t mask) {
+    static constexpr const char* filtered[] = {"labl = ?1", "agrp = ?2", "hash = ?3"};
+    std::string clause;
+    for (int column = 0; column < 3; ++column) {
+        if (!(mask & (1u << column))) continue;
+        clause += clause.empty() ? " WHERE " : " AND ";
+        clause += filtered[column];
+    }
+    return clause;
+}
+
+int bindFilter(sqlite3_stmt* statement, const CertificateFilter& filter) {
+    int code = SQLITE_OK;
+    if (filter.label) code = bindText(statement, 1, *filter.label);
+    if (code == SQLITE_OK && filter.accessGroup) code = bindText(statement, 2, *filter.accessGroup);
+    if (code == SQLITE_OK && filter.hash) code = bindBytes(statement, 3, filter.hash);
+    return code;
+}
+
+/// Stored trust settings: a binary property list holding an array of
+/// dictionaries.
+std::optional<PropertyList::Array> trustSettingsOf(const std::vector<uint8_t>& stored) {
+    auto value = PropertyList::fromData(std::string_view(reinterpret_cast<const char*>(stored.data()), stored.size()));
+    const auto* array = value ? value->get<PropertyList::Array>() : nullptr;
+    if (!array) return std::nullopt;
+    for (const auto& entry : *array)
+        if (!entry.is<PropertyList::Dictionary>()) return std::nullopt;
+    return *array;
+}
 
 }  // namespace
 
@@ -536,6 +627,146 @@ OSStatus KeychainDatabase::remove(const fs::path& file, MissingKeychain missing,
         *connection, removeItems << 16 | mask, [&] { return "DELETE FROM genp" + whereClause(mask); },
         [&](sqlite3_stmt* statement) { return bindFilter(statement, filter); }, noRows);
     if (code == SQLITE_OK) removed += sqlite3_changes64(connection->db());
+    return finish(connection, code);
+}
+
+OSStatus KeychainDatabase::findCertificates(const fs::path& file, MissingKeychain missing,
+                                            const CertificateFilter& filter, size_t limit,
+                                            std::vector<CertificateItem>& found) {
+    auto [status, connection] = acquire(file, missing);
+    if (!connection) return status;
+    const uint32_t mask = maskOf(filter);
+    size_t count = 0;
+    std::lock_guard guard(connection->mutex);
+    int code = run(
+        *connection, findCertificateItems << 16 | mask,
+        [&] {
+            return "SELECT rowid, ctyp, issr, slnr, agrp, subj, labl, hash, data, cdat, mdat FROM cert" +
+                   certificateWhereClause(mask) + " ORDER BY ctyp, issr, slnr, agrp";
+        },
+        [&](sqlite3_stmt* statement) { return bindFilter(statement, filter); },
+        [&](sqlite3_stmt* statement) {
+            CertificateItem item;
+            item.rowid = sqlite3_column_int64(statement, 0);
+            item.type = sqlite3_column_int64(statement, 1);
+            item.issuer = blobColumn(statement, 2);
+            item.serialNumber = blobColumn(statement, 3);
+            item.accessGroup = textColumn(statement, 4);
+            item.subject = blobColumn(statement, 5);
+            if (sqlite3_column_type(statement, 6) != SQLITE_NULL) item.label = textColumn(statement, 6);
+            item.hash = blobColumn(statement, 7);
+            item.data = blobColumn(statement, 8);
+            item.created = sqlite3_column_int64(statement, 9);
+            item.modified = sqlite3_column_int64(statement, 10);
+            found.push_back(std::move(item));
+            return limit == 0 || ++count < limit;
+        });
+    return finish(connection, code);
+}
+
+OSStatus KeychainDatabase::addCertificate(const fs::path& file, MissingKeychain missing, const CertificateItem& item) {
+    auto [status, connection] = acquire(file, missing);
+    if (!connection) return status == errSecSuccess ? errSecNoSuchKeychain : status;
+    std::lock_guard guard(connection->mutex);
+    int code = run(
+        *connection, addCertificateItem << 16,
+        [] {
+            return std::string("INSERT INTO cert (ctyp, issr, slnr, agrp, subj, labl, hash, data, cdat, mdat) "
+                               "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?10, ?10)");
+        },
+        [&](sqlite3_stmt* statement) {
+            int code = sqlite3_bind_int64(statement, timeParameter, now());
+            if (code == SQLITE_OK) code = sqlite3_bind_int64(statement, 1, item.type);
+            if (code == SQLITE_OK) code = bindBytes(statement, 2, item.issuer);
+            if (code == SQLITE_OK) code = bindBytes(statement, 3, item.serialNumber);
+            if (code == SQLITE_OK) code = bindText(statement, 4, item.accessGroup);
+            if (code == SQLITE_OK) code = bindBytes(statement, 5, item.subject);
+            if (code == SQLITE_OK) code = bindText(statement, 6, item.label);
+            if (code == SQLITE_OK) code = bindBytes(statement, 7, item.hash);
+            if (code == SQLITE_OK) code = bindBytes(statement, 8, item.data);
+            return code;
+        },
+        noRows);
+    return finish(connection, code);
+}
+
+OSStatus KeychainDatabase::removeCertificates(const fs::path& file, MissingKeychain missing,
+                                              const CertificateFilter& filter, int64_t& removed) {
+    auto [status, connection] = acquire(file, missing);
+    if (!connection) return status;
+    const uint32_t mask = maskOf(filter);
+    std::lock_guard guard(connection->mutex);
+    int code = run(
+        *connection, removeCertificateItems << 16 | mask,
+        [&] { return "DELETE FROM cert" + certificateWhereClause(mask); },
+        [&](sqlite3_stmt* statement) { return bindFilter(statement, filter); }, noRows);
+    if (code == SQLITE_OK) removed += sqlite3_changes64(connection->db());
+    return finish(connection, code);
+}
+
+OSStatus KeychainDatabase::copyTrustSettings(const fs::path& file, MissingKeychain missing, int64_t domain,
+                                             const std::vector<uint8_t>& hash, PropertyList::Array& settings) {
+    auto [status, connection] = acquire(file, missing);
+    if (!connection) return status == errSecSuccess ? errSecItemNotFound : status;
+    std::optional<std::vector<uint8_t>> stored;
+    std::lock_guard guard(connection->mutex);
+    int code = run(
+        *connection, findTrustSettings << 16,
+        [] { return std::string("SELECT data FROM tset WHERE domain = ?1 AND hash = ?2"); },
+        [&](sqlite3_stmt* statement) {
+            int code = sqlite3_bind_int64(statement, 1, domain);
+            return code == SQLITE_OK ? bindBytes(statement, 2, hash) : code;
+        },
+        [&](sqlite3_stmt* statement) {
+            stored = blobColumn(statement, 0);
+            return false;
+        });
+    if (OSStatus status = finish(connection, code); status != errSecSuccess) return status;
+    if (!stored) return errSecItemNotFound;
+    auto array = trustSettingsOf(*stored);
+    if (!array) return errSecInvalidTrustSettings;
+    settings = std::move(*array);
+    return errSecSuccess;
+}
+
+OSStatus KeychainDatabase::setTrustSettings(const fs::path& file, MissingKeychain missing, int64_t domain,
+                                            const std::vector<uint8_t>& hash, const PropertyList::Array& settings) {
+    const std::string text = PropertyList(settings).data(PropertyList::Format::binary);
+    if (text.empty()) return errSecParam;  // holds a string that cannot be stored
+    const std::vector<uint8_t> data(text.begin(), text.end());
+    auto [status, connection] = acquire(file, missing);
+    if (!connection) return status == errSecSuccess ? errSecNoSuchKeychain : status;
+    std::lock_guard guard(connection->mutex);
+    int code = run(
+        *connection, setTrustSettingsItem << 16,
+        [] { return std::string("INSERT OR REPLACE INTO tset (domain, hash, data, mdat) VALUES (?1, ?2, ?3, ?10)"); },
+        [&](sqlite3_stmt* statement) {
+            int code = sqlite3_bind_int64(statement, timeParameter, now());
+            if (code == SQLITE_OK) code = sqlite3_bind_int64(statement, 1, domain);
+            if (code == SQLITE_OK) code = bindBytes(statement, 2, hash);
+            if (code == SQLITE_OK) code = bindBytes(statement, 3, data);
+            return code;
+        },
+        noRows);
+    return finish(connection, code);
+}
+
+OSStatus KeychainDatabase::certificatesWithTrustSettings(const fs::path& file, MissingKeychain missing,
+                                                         int64_t domain, std::vector<std::vector<uint8_t>>& found) {
+    auto [status, connection] = acquire(file, missing);
+    if (!connection) return status;
+    std::lock_guard guard(connection->mutex);
+    int code = run(
+        *connection, findTrustedCertificates << 16,
+        [] {
+            return std::string("SELECT cert.data FROM tset JOIN cert ON cert.hash = tset.hash "
+                               "WHERE tset.domain = ?1 GROUP BY tset.hash ORDER BY tset.hash");
+        },
+        [&](sqlite3_stmt* statement) { return sqlite3_bind_int64(statement, 1, domain); },
+        [&](sqlite3_stmt* statement) {
+            found.push_back(blobColumn(statement, 0));
+            return true;
+        });
     return finish(connection, code);
 }
 

@@ -3,18 +3,23 @@
 // every write is a transaction made durable before it returns
 // (synchronous=FULL), and deleted secrets are overwritten (secure_delete).
 //
-// Schema version 1 (PRAGMA user_version), one table per item class, named
-// after the class constant:
+// Schema version 2 (PRAGMA user_version), one table per item class, named
+// after the class constant, and one of trust settings:
 //
 //   genp  generic passwords: svce, acct, agrp (TEXT, "" when the item has
 //         none; together the item's primary key), labl (TEXT or NULL), data
 //         (BLOB or NULL), cdat and mdat (creation and last modification,
 //         INTEGER nanoseconds since 1970)
-//   cert  certificates: ctyp, issr, slnr, agrp (the primary key), subj, labl,
-//         data (the DER bytes), cdat, mdat; not used yet
-//   tset  trust settings: hash (SHA-1 of the certificate's DER, the key),
-//         data (the settings array as a binary property list), mdat; not used
-//         yet
+//   cert  certificates: ctyp (the X.509 version), issr (the issuer name's
+//         DER), slnr (the serial number's DER), agrp (together the primary
+//         key), subj (the subject name's DER), labl, hash (SHA-1 of the
+//         certificate's DER), data (that DER), cdat, mdat
+//   tset  trust settings: domain (the SecTrustSettingsDomain) and hash (of the
+//         certificate, as in cert) are the key; data (the settings array as
+//         a binary property list), mdat
+//
+// A file of version 1, whose cert and tset tables were never written, is
+// brought to version 2 when it is opened (those two tables are made anew).
 //
 // A file is set up when it is first opened empty. An existing file is checked
 // once per process (PRAGMA quick_check): one that is not an SQLite database,
@@ -44,7 +49,12 @@
 #include <string>
 #include <vector>
 
+#include "Foundation/PropertyList.h"
 #include "Security/SecBase.h"
+
+namespace Security {
+class SecCertificate;
+}
 
 namespace Security::detail {
 
@@ -79,6 +89,32 @@ struct GenericPasswordChanges {
     bool empty() const { return !service && !account && !accessGroup && !label && !data; }
 };
 
+/// One certificate item as stored.
+struct CertificateItem {
+    int64_t rowid = 0;
+    int64_t type = 0;                   // the X.509 version
+    std::vector<uint8_t> issuer;        // DER of the issuer name
+    std::vector<uint8_t> serialNumber;  // DER of the serial number
+    std::string accessGroup;
+    std::vector<uint8_t> subject;  // DER of the subject name
+    std::optional<std::string> label;
+    std::vector<uint8_t> hash;  // SHA-1 of data
+    std::vector<uint8_t> data;  // the certificate's DER
+    int64_t created = 0;
+    int64_t modified = 0;
+};
+
+/// The stored form of certificate: its type, issuer, serial number, subject,
+/// hash and data (the rest left as they are).
+CertificateItem certificateItemOf(const SecCertificate& certificate);
+
+/// The certificates whose attributes equal every value given.
+struct CertificateFilter {
+    std::optional<std::string> label;
+    std::optional<std::string> accessGroup;
+    std::optional<std::vector<uint8_t>> hash;
+};
+
 /// What an operation makes of a keychain file that is not there.
 enum class MissingKeychain {
     isEmpty,    // no items (also when the effective user may not open it)
@@ -108,6 +144,32 @@ public:
     /// Deletes every matching item; adds their number to removed.
     static OSStatus remove(const std::filesystem::path& file, MissingKeychain missing,
                            const GenericPasswordFilter& filter, int64_t& removed);
+
+    /// As find, for certificates (always every column), ordered by type,
+    /// issuer, serial number and access group.
+    static OSStatus findCertificates(const std::filesystem::path& file, MissingKeychain missing,
+                                     const CertificateFilter& filter, size_t limit,
+                                     std::vector<CertificateItem>& found);
+    /// As add: errSecDuplicateItem for a certificate of the same type, issuer,
+    /// serial number and access group.
+    static OSStatus addCertificate(const std::filesystem::path& file, MissingKeychain missing,
+                                   const CertificateItem& item);
+    /// As remove, for certificates.
+    static OSStatus removeCertificates(const std::filesystem::path& file, MissingKeychain missing,
+                                       const CertificateFilter& filter, int64_t& removed);
+
+    /// The trust settings of the certificate with this hash in domain.
+    /// errSecItemNotFound when it has none, errSecInvalidTrustSettings when the
+    /// stored value is not an array of dictionaries.
+    static OSStatus copyTrustSettings(const std::filesystem::path& file, MissingKeychain missing, int64_t domain,
+                                      const std::vector<uint8_t>& hash, Foundation::PropertyList::Array& settings);
+    /// Sets (replaces) them.
+    static OSStatus setTrustSettings(const std::filesystem::path& file, MissingKeychain missing, int64_t domain,
+                                     const std::vector<uint8_t>& hash, const Foundation::PropertyList::Array& settings);
+    /// Appends the DER of every certificate of the file that has trust
+    /// settings in domain there, in the order of their hashes.
+    static OSStatus certificatesWithTrustSettings(const std::filesystem::path& file, MissingKeychain missing,
+                                                  int64_t domain, std::vector<std::vector<uint8_t>>& found);
 };
 
 }  // namespace Security::detail

@@ -17,10 +17,14 @@
 #include <iterator>
 #include <memory>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <string_view>
+#include <vector>
 
 #include "Kernel/FileDescriptor.h"
+#include "Security/SecCertificate.h"
+#include "Security/SecTrustSettings.h"
 
 namespace Security {
 
@@ -53,12 +57,42 @@ std::optional<uint64_t> startTimeOf(pid_t pid) {
     return std::nullopt;
 }
 
-/// The anchors: the CA certificates at OpenSSL's built-in locations.
+/// Whether settings trust their certificate as a root.
+bool trustsAsRoot(const Foundation::PropertyList::Array& settings) {
+    for (const auto& entry : settings) {
+        const auto& constraint = *entry.get<CFDictionary>();  // the settings are checked when stored and read
+        const auto result = constraint.find(kSecTrustSettingsResult);
+        const auto* value = result == constraint.end() ? nullptr : result->second.get<int64_t>();
+        if (value && *value != kSecTrustSettingsResultTrustRoot && *value != kSecTrustSettingsResultTrustAsRoot)
+            return false;
+    }
+    return true;
+}
+
+/// Adds the certificates that trust settings make roots (see the header).
+void addTrustedCertificates(X509_STORE* store) {
+    std::set<std::vector<uint8_t>> decided;
+    for (auto domain : {kSecTrustSettingsDomainUser, kSecTrustSettingsDomainAdmin, kSecTrustSettingsDomainSystem}) {
+        std::vector<SecCertificateRef> certificates;
+        if (SecTrustSettingsCopyCertificates(domain, &certificates) != errSecSuccess) continue;
+        for (const auto& certificate : certificates) {
+            Foundation::PropertyList::Array settings;
+            if (!decided.insert(certificate->data()).second ||
+                SecTrustSettingsCopyTrustSettings(certificate, domain, &settings) != errSecSuccess)
+                continue;
+            if (trustsAsRoot(settings)) X509_STORE_add_cert(store, certificate->x509());
+        }
+    }
+}
+
+/// The anchors: the CA certificates at OpenSSL's built-in locations and those
+/// of the trust settings.
 Store systemAnchors() {
     Store store(X509_STORE_new());
     if (!store) return store;
     X509_STORE_load_file(store.get(), X509_get_default_cert_file());
     X509_STORE_load_path(store.get(), X509_get_default_cert_dir());
+    addTrustedCertificates(store.get());
     X509_STORE_set_purpose(store.get(), X509_PURPOSE_ANY);  // code signing is checked below
     ERR_clear_error();  // a location that is missing is no failure
     return store;

@@ -12,7 +12,12 @@
 //   - its chain ends at a root the system trusts: the CA certificates of
 //     OpenSSL's built-in default locations (OPENSSLDIR's cert.pem and
 //     certs/, that is the system's CA store on Debian), not overridable by
-//     the environment. Keychain trust settings take no part yet.
+//     the environment, and the certificates of the trust-settings domains'
+//     keychains (SecTrustSettings.h) whose settings trust them as a root: in
+//     the first of the user, admin and system domains where a certificate
+//     has settings, every constraint's result (kSecTrustSettingsResultTrustRoot
+//     when it has none) is TrustRoot or TrustAsRoot. Settings add roots; they
+//     do not take away those of the CA store.
 //
 // Requirements: the only clause read is a leaf certificate's organizational
 // unit, "certificate leaf[subject.OU] = <value>" with the value a word of

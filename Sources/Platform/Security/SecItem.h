@@ -6,9 +6,10 @@
 // (kSecClassGenericPassword, kSecMatchLimitOne, ...). Keys a call does not
 // take, and values of the wrong type, give errSecParam.
 //
-// Item classes: generic passwords (kSecClassGenericPassword). The other
-// classes give errSecUnimplemented, an unknown class errSecNoSuchClass, a
-// missing kSecClass errSecParam.
+// Item classes: generic passwords (kSecClassGenericPassword) and
+// certificates (kSecClassCertificate). The other classes give
+// errSecUnimplemented, an unknown class errSecNoSuchClass, a missing kSecClass
+// errSecParam.
 //
 // Generic-password attributes (strings): kSecAttrService, kSecAttrAccount,
 // kSecAttrAccessGroup, kSecAttrLabel. An item is identified by its service,
@@ -17,6 +18,14 @@
 // attribute in a query matches the items whose attribute equals it; an
 // attribute left out matches any value (a query without kSecAttrAccessGroup
 // finds items of every access group).
+//
+// Certificates are added from kSecValueRef (the certificate, as
+// SecCertificate.h says) with kSecAttrLabel (default: the certificate's
+// subject summary) and kSecAttrAccessGroup. A certificate is identified by its
+// type, issuer, serial number and access group: adding it again, under any
+// label, gives errSecDuplicateItem. Queries match kSecAttrLabel,
+// kSecAttrAccessGroup and kSecValueRef (that certificate). SecItemUpdate of
+// certificates gives errSecUnimplemented.
 //
 // Which keychains a call uses (see SecKeychain.h for the files):
 //   kSecUseDataProtectionKeychain = true: the data-protection keychain only;
@@ -30,12 +39,16 @@
 //
 // Search: kSecMatchLimit is kSecMatchLimitOne (the default), kSecMatchLimitAll
 // or a number of items >= 1; items are found keychain by keychain, within one
-// ordered by service, account and access group. The result: with kSecReturnData the item's data, with
-// kSecReturnAttributes a dictionary of its attributes (kSecClass, service and
-// account always, access group and label when it has them,
-// kSecAttrCreationDate, kSecAttrModificationDate) holding kSecValueData too
-// when both are asked for; with a limit other than one an array of those, one
-// per item. Without a kSecReturn... key nothing is returned.
+// ordered by service, account and access group (certificates: by type, issuer,
+// serial number and access group). The result: with kSecReturnData the
+// item's data (a certificate's DER), with kSecReturnRef a certificate's DER,
+// with kSecReturnAttributes a dictionary of its attributes (kSecClass;
+// service and account always, access group and label when it has them;
+// a certificate's type, issuer, serial number and subject always, access
+// group and label when it has them; kSecAttrCreationDate,
+// kSecAttrModificationDate) holding kSecValueData and kSecValueRef too when
+// they are asked for; with a limit other than one an array of those, one per
+// item. Without a kSecReturn... key nothing is returned.
 //
 // Every call is synchronous, may block on a keychain file another process is
 // writing (up to a busy timeout, then errSecInteractionNotAllowed), and is
@@ -65,11 +78,17 @@ inline constexpr const char* kSecAttrService = "svce";
 inline constexpr const char* kSecAttrAccount = "acct";
 inline constexpr const char* kSecAttrAccessGroup = "agrp";
 inline constexpr const char* kSecAttrLabel = "labl";
+inline constexpr const char* kSecAttrCertificateType = "ctyp";   // returned only: the X.509 version
+inline constexpr const char* kSecAttrIssuer = "issr";            // returned only: DER of the name
+inline constexpr const char* kSecAttrSerialNumber = "slnr";      // returned only: DER of the number
+inline constexpr const char* kSecAttrSubject = "subj";           // returned only: DER of the name
 inline constexpr const char* kSecAttrCreationDate = "cdat";      // returned only
 inline constexpr const char* kSecAttrModificationDate = "mdat";  // returned only
 
 inline constexpr const char* kSecValueData = "v_Data";
+inline constexpr const char* kSecValueRef = "v_Ref";
 inline constexpr const char* kSecReturnData = "r_Data";
+inline constexpr const char* kSecReturnRef = "r_Ref";
 inline constexpr const char* kSecReturnAttributes = "r_Attributes";
 
 inline constexpr const char* kSecMatchLimit = "m_Limit";

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <signal.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -18,10 +19,13 @@
 #include <vector>
 
 #include "Security/SecBase.h"
+#include "Security/SecCertificate.h"
 #include "Security/SecItem.h"
 #include "Security/SecKeychain.h"
 #include "Security/SecRandom.h"
+#include "Security/SecTrustSettings.h"
 #include "Support/MountNamespace.h"
+#include "Support/TestCertificates.h"
 #include "Support/TestSupport.h"
 
 namespace fs = std::filesystem;
@@ -133,7 +137,8 @@ TEST(SecurityTests, ItemCallsAnswerWithThePlatformsStatuses) {
         {"nothing to update with", update, item("s", "a"), errSecParam},
         {"no class in an update", update, item("s", "a"), errSecParam, {}, {{kSecClass, kSecClassGenericPassword}}},
         {"no class", add, {{kSecAttrService, "s"}}, errSecParam},
-        {"certificates are not kept yet", add, {{kSecClass, kSecClassCertificate}}, errSecUnimplemented},
+        {"a certificate needs its ref", add, {{kSecClass, kSecClassCertificate}}, errSecParam},
+        {"keys are not kept", add, {{kSecClass, kSecClassKey}}, errSecUnimplemented},
         {"no such class", add, {{kSecClass, "nope"}}, errSecNoSuchClass},
         {"a service that is no string", add, {{kSecClass, kSecClassGenericPassword}, {kSecAttrService, 7}},
          errSecParam},
@@ -202,6 +207,105 @@ TEST(SecurityTests, ItemCallsAnswerWithThePlatformsStatuses) {
     EXPECT_EQ(factsOf(dataProtection).owner, 0u);
     EXPECT_TRUE(inWalMode(systemKeychain));
     EXPECT_TRUE(inWalMode(dataProtection));
+}
+
+TEST(SecurityTests, CertificateItemsAndTrustSettings) {
+    TemporaryDirectory sandbox("sandbox");
+    if (!insideSandbox(sandbox.path())) return;
+    const PropertyList::Data one = TestSupport::selfSignedCertificate("One", 1),
+                             two = TestSupport::selfSignedCertificate("Two", 2),
+                             three = TestSupport::selfSignedCertificate("Three", 3);
+    PropertyList::Data trailing = one;
+    trailing.push_back(0);
+    EXPECT_EQ(SecCertificateCreateWithData(bytes("no certificate")), nullptr);
+    EXPECT_EQ(SecCertificateCreateWithData(trailing), nullptr);
+    const SecCertificateRef first = SecCertificateCreateWithData(one);
+    ASSERT_TRUE(first);
+    EXPECT_EQ(SecCertificateCopyData(first), one);
+    EXPECT_EQ(SecCertificateCopySubjectSummary(first), "One");
+
+    // A keychain of the first schema (certificate and trust-settings tables
+    // that were never used) as the system keychain: brought up to date, its
+    // items kept.
+    fs::create_directories(systemKeychain.parent_path());
+    fs::copy_file(TOVIK_SOURCE_DIR "/Tests/Fuzz/corpus/KeychainFile/two-items", systemKeychain);
+    EXPECT_EQ(SecItemCopyMatching(item("com.velmora.mac.vpn", "token"), nullptr), errSecSuccess);
+
+    const fs::path other = sandbox / "other.keychain-db";
+    TestSupport::writeFile(other, "");
+    auto certificate = [](const PropertyList::Data& der, CFDictionary more = {}) {
+        more[kSecClass] = kSecClassCertificate;
+        more[kSecValueRef] = der;
+        return more;
+    };
+    auto labelled = [](const std::string& label, CFDictionary more = {}) {
+        more[kSecClass] = kSecClassCertificate;
+        more[kSecAttrLabel] = label;
+        return more;
+    };
+    const CFDictionary all{{kSecReturnData, true}, {kSecMatchLimit, kSecMatchLimitAll}};
+    using enum Call;
+    runSteps({
+        {"add One as L", add, certificate(one, {{kSecAttrLabel, "L"}}), errSecSuccess},
+        {"One again, under another label", add, certificate(one, {{kSecAttrLabel, "M"}}), errSecDuplicateItem},
+        {"add Two as L", add, certificate(two, {{kSecAttrLabel, "L"}}), errSecSuccess},
+        {"add Three to another keychain", add, certificate(three, {{kSecUseKeychain, other.string()}}),
+         errSecSuccess},
+        {"labelled with its subject summary there", copy,
+         labelled("Three", {{kSecReturnRef, true}, {kSecMatchSearchList, PropertyList::Array{other.string()}}}),
+         errSecSuccess, three},
+        {"not in the default keychains", copy, labelled("Three"), errSecItemNotFound},
+        {"found by the certificate", copy, certificate(two, {{kSecReturnData, true}}), errSecSuccess, two},
+        {"every L", copy, labelled("L", all), errSecSuccess, PropertyList::Array{one, two}},
+        {"a certificate has no data", add, certificate(three, {{kSecValueData, bytes("x")}}), errSecParam},
+        {"a ref that is no certificate", add, certificate(bytes("x")), errSecParam},
+        {"no service for a certificate", copy, labelled("L", {{kSecAttrService, "s"}}), errSecParam},
+        {"no updates of certificates", update, labelled("L"), errSecUnimplemented, {}, {{kSecAttrLabel, "N"}}},
+        {"delete every L", remove, labelled("L", {{kSecMatchLimit, kSecMatchLimitAll}}), errSecSuccess},
+        {"L gone", copy, labelled("L"), errSecItemNotFound},
+        {"nothing left to delete", remove, labelled("L"), errSecItemNotFound},
+        {"the passwords stay", copy, item("vpn_helper", "storage"), errSecSuccess},
+    });
+    CFTypeRef found;
+    ASSERT_EQ(SecItemCopyMatching(labelled("Three", {{kSecReturnAttributes, true},
+                                                     {kSecMatchSearchList, PropertyList::Array{other.string()}}}),
+                                  &found),
+              errSecSuccess);
+    const CFDictionary& attributes = *found->get<CFDictionary>();
+    EXPECT_EQ(attributes.at(kSecClass), kSecClassCertificate);
+    EXPECT_EQ(attributes.at(kSecAttrCertificateType), 3);
+
+    // Trust settings: per domain (root's user and admin domains share the
+    // system keychain), replaced by each set.
+    PropertyList::Array settings{PropertyList("untouched")};
+    EXPECT_EQ(SecTrustSettingsCopyTrustSettings(first, kSecTrustSettingsDomainUser, &settings), errSecItemNotFound);
+    EXPECT_EQ(settings, PropertyList::Array{PropertyList("untouched")});
+    ASSERT_EQ(SecTrustSettingsSetTrustSettings(first, kSecTrustSettingsDomainUser, std::nullopt), errSecSuccess);
+    EXPECT_EQ(SecTrustSettingsCopyTrustSettings(first, kSecTrustSettingsDomainUser, &settings), errSecSuccess);
+    EXPECT_EQ(settings, PropertyList::Array{});
+    EXPECT_EQ(SecTrustSettingsCopyTrustSettings(first, kSecTrustSettingsDomainAdmin, &settings), errSecItemNotFound);
+    const CFDictionary deny{{kSecTrustSettingsResult, int(kSecTrustSettingsResultDeny)},
+                            {kSecTrustSettingsPolicyString, "example.com"}};
+    ASSERT_EQ(SecTrustSettingsSetTrustSettings(first, kSecTrustSettingsDomainUser, PropertyList(deny)), errSecSuccess);
+    EXPECT_EQ(SecTrustSettingsCopyTrustSettings(first, kSecTrustSettingsDomainUser, &settings), errSecSuccess);
+    EXPECT_EQ(settings, PropertyList::Array{deny});
+    for (const PropertyList& wrong : {PropertyList(CFDictionary{{kSecTrustSettingsResult, 0}}),
+                                      PropertyList(CFDictionary{{kSecTrustSettingsResult, "1"}}),
+                                      PropertyList(CFDictionary{{"kSecTrustSettingsWhatever", 1}}),
+                                      PropertyList(PropertyList::Array{"not a dictionary"})}) {
+        EXPECT_EQ(SecTrustSettingsSetTrustSettings(first, kSecTrustSettingsDomainAdmin, wrong), errSecParam);
+    }
+    EXPECT_EQ(SecTrustSettingsSetTrustSettings(nullptr, kSecTrustSettingsDomainAdmin, std::nullopt), errSecParam);
+    EXPECT_EQ(SecTrustSettingsSetTrustSettings(first, SecTrustSettingsDomain(3), std::nullopt), errSecParam);
+
+    // The certificates that have settings are those of the domain's keychain.
+    std::vector<SecCertificateRef> withSettings;
+    EXPECT_EQ(SecTrustSettingsCopyCertificates(kSecTrustSettingsDomainUser, &withSettings), errSecNoTrustSettings);
+    ASSERT_EQ(SecItemAdd(certificate(one), nullptr), errSecSuccess);
+    ASSERT_EQ(SecTrustSettingsCopyCertificates(kSecTrustSettingsDomainUser, &withSettings), errSecSuccess);
+    ASSERT_EQ(withSettings.size(), 1u);
+    EXPECT_EQ(SecCertificateCopyData(withSettings.front()), one);
+    EXPECT_EQ(SecTrustSettingsCopyCertificates(kSecTrustSettingsDomainAdmin, &withSettings), errSecNoTrustSettings);
 }
 
 TEST(SecurityTests, SearchListsAndTheEffectiveUsersOwnKeychain) {
@@ -297,7 +401,7 @@ TEST(SecurityTests, FilesThatAreNoKeychainGiveAStatus) {
         {"an SQLite header, then garbage", std::string("SQLite format 3\0", 16) + garbage, errSecInvalidKeychain},
         {"the first half of a keychain", good.substr(0, good.size() / 2), errSecInvalidKeychain},
         {"a database with other tables", withVersion(0), errSecInvalidKeychain},
-        {"a later schema", withVersion(2), errSecWrongSecVersion},
+        {"a later schema", withVersion(3), errSecWrongSecVersion},
         {"an empty file is a new keychain", "", errSecItemNotFound},
     };
     int index = 0;
@@ -379,6 +483,31 @@ TEST(SecurityTests, TwoProcessesOfTwoThreadsWriteOneKeychainAtOnce) {
         protectedItems[kSecUseDataProtectionKeychain] = true;
         ASSERT_EQ(SecItemCopyMatching(protectedItems, &found), errSecSuccess);
         EXPECT_EQ(found->get<PropertyList::Array>()->size(), size_t(2 * rounds));
+    }
+}
+
+TEST(SecurityTests, ANewKeychainIsSetUpWhileAnotherConnectionTakesItsWriteLock) {
+    TemporaryDirectory sandbox("sandbox");
+    if (!insideSandbox(sandbox.path())) return;
+    // While this process makes empty files keychains, another connection keeps
+    // taking and dropping each one's write lock (never waiting, so that it
+    // takes it again as soon as it is free): the first add waits for it.
+    for (int round = 0; round < 20; ++round) {
+        const fs::path file = sandbox / ("new" + std::to_string(round) + ".keychain-db");
+        TestSupport::writeFile(file, "");
+        sqlite3* other = nullptr;
+        ASSERT_EQ(sqlite3_open(file.c_str(), &other), SQLITE_OK);
+        std::atomic<bool> done = false;
+        std::thread writer([&] {
+            while (!done) {
+                sqlite3_exec(other, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
+                sqlite3_exec(other, "COMMIT", nullptr, nullptr, nullptr);
+            }
+        });
+        EXPECT_EQ(SecItemAdd(item("s", "a", {{kSecUseKeychain, file.string()}}), nullptr), errSecSuccess) << round;
+        done = true;
+        writer.join();
+        sqlite3_close(other);
     }
 }
 
