@@ -73,17 +73,18 @@ struct Scratch {
         std::error_code ignored;
         fs::remove_all(root, ignored);
     }
-    // Deletes the bundle; returns the time just before the deleting call,
-    // the common start of both figures (a bare reader on the other core may
-    // see the event before the call has returned).
-    Clock::time_point remove(Deletion how) const {
+    // Deletes the bundle; returns the times just before the deleting call
+    // (the common start of the comparison with the bare loop, whose reader on
+    // the other core may see the event before the call has returned) and
+    // just after it (the start of the observer's latency targets).
+    std::pair<Clock::time_point, Clock::time_point> remove(Deletion how) const {
         const Clock::time_point started = Clock::now();
         if (how == Deletion::rename) {
             fs::rename(bundle, trash / "Velmora VPN.app");
         } else {
             fs::remove_all(bundle);
         }
-        return started;
+        return {started, Clock::now()};
     }
     // Empties the Trash once the round has been measured.
     void cleanUp() const {
@@ -156,7 +157,8 @@ double percentile(std::vector<double> values, double p) {
 
 struct Summary {
     const char* name;
-    double median, p99, bareMedian, bareP99;
+    double median, p99, bareMedian, bareP99;  // from just before the deleting call
+    double afterMedian, afterP99;             // the observer's, from the call's return
 };
 std::vector<Summary> summaries;
 
@@ -165,7 +167,7 @@ void BM_DeletionToCompletion(benchmark::State& state, Deletion how, const char* 
     Scratch scratch;
     Workspace::Workspace workspace({scratch.applications});
     BareInotifyLoop bare;
-    std::vector<double> observerTimes, bareTimes;
+    std::vector<double> observerTimes, afterTimes, bareTimes;
 
     for (auto _ : state) {
         // The observer: a fresh one per round, armed before the clock starts.
@@ -178,13 +180,14 @@ void BM_DeletionToCompletion(benchmark::State& state, Deletion how, const char* 
             fired.signal();
         });
         observer->queue().sync([] {});
-        Clock::time_point started = scratch.remove(how);
+        auto [started, returned] = scratch.remove(how);
         if (fired.wait(Dispatch::DispatchTime::now() + 5.0) != Dispatch::DispatchTimeoutResult::success) {
             state.SkipWithError("the completion never ran");
             break;
         }
         double observed = microseconds(firedAt.load() - started);
         observerTimes.push_back(observed);
+        afterTimes.push_back(microseconds(firedAt.load() - returned));
         state.SetIterationTime(observed / 1e6);
         observer.reset();
         scratch.cleanUp();
@@ -192,14 +195,14 @@ void BM_DeletionToCompletion(benchmark::State& state, Deletion how, const char* 
         // The floor: the same deletion seen by a bare blocking read.
         makeBundle(scratch.bundle);
         bare.watch(scratch.bundle);
-        started = scratch.remove(how);
-        bareTimes.push_back(microseconds(bare.waitForGone() - started));
+        const Clock::time_point bareStarted = scratch.remove(how).first;
+        bareTimes.push_back(microseconds(bare.waitForGone() - bareStarted));
         scratch.cleanUp();
     }
     if (observerTimes.empty()) return;
 
     Summary s{name, percentile(observerTimes, 0.5), percentile(observerTimes, 0.99), percentile(bareTimes, 0.5),
-              percentile(bareTimes, 0.99)};
+              percentile(bareTimes, 0.99), percentile(afterTimes, 0.5), percentile(afterTimes, 0.99)};
     summaries.push_back(s);
     state.counters["median_us"] = s.median;
     state.counters["p99_us"] = s.p99;
@@ -207,7 +210,9 @@ void BM_DeletionToCompletion(benchmark::State& state, Deletion how, const char* 
     state.counters["bare_p99_us"] = s.bareP99;
     state.counters["median_x_bare"] = ratio(s.median, s.bareMedian);
     state.counters["p99_x_bare"] = ratio(s.p99, s.bareP99);
-    state.counters["targets_met"] = (s.median <= 200.0 && s.p99 <= 2000.0) ? 1 : 0;
+    state.counters["after_call_median_us"] = s.afterMedian;
+    state.counters["after_call_p99_us"] = s.afterP99;
+    state.counters["targets_met"] = (s.afterMedian <= 200.0 && s.afterP99 <= 2000.0) ? 1 : 0;
 }
 
 BENCHMARK_CAPTURE(BM_DeletionToCompletion, rename, Deletion::rename, "rename")
@@ -228,21 +233,17 @@ int main(int argc, char** argv) {
     benchmark::Shutdown();
 
     std::printf("\nDeletion to completion, %d rounds each (microseconds)\n", kRounds);
-    std::printf("%-8s %10s %10s %12s %12s %10s %10s  %s\n", "call", "median", "p99", "bare median", "bare p99",
-                "median x", "p99 x", "targets (median <= 200, p99 <= 2000)");
-    for (const Summary& s : summaries) {
-        std::printf("%-8s %10.1f %10.1f %12.1f %12.1f %10.1f %10.1f  %s\n", s.name, s.median, s.p99, s.bareMedian,
-                    s.bareP99, ratio(s.median, s.bareMedian), ratio(s.p99, s.bareP99),
-                    (s.median <= 200.0 && s.p99 <= 2000.0) ? "met" : "MISSED");
-    }
     for (const Summary& s : summaries) {
         const std::string call = s.name;
-        Figures::report("bundle observer: deletion to completion, median (" + call + ")",
-                        Figures::text("%.1f us (bare inotify loop %.1f us)", s.median, s.bareMedian), "<= 200 us",
-                        s.median <= 200.0);
-        Figures::report("bundle observer: deletion to completion, p99 (" + call + ")",
-                        Figures::text("%.1f us (bare inotify loop %.1f us)", s.p99, s.bareP99), "<= 2000 us",
-                        s.p99 <= 2000.0);
+        Figures::report("bundle observer: deleting call returned to completion, median (" + call + ")",
+                        Figures::text("%.1f us", s.afterMedian), "<= 200 us", s.afterMedian <= 200.0);
+        Figures::report("bundle observer: deleting call returned to completion, p99 (" + call + ")",
+                        Figures::text("%.1f us", s.afterP99), "<= 2000 us", s.afterP99 <= 2000.0);
+        Figures::report("bundle observer vs bare inotify loop, from before the deleting call (" + call + ")",
+                        Figures::text("median %.1f vs %.1f us (%.2fx), p99 %.1f vs %.1f us (%.2fx)", s.median,
+                                      s.bareMedian, ratio(s.median, s.bareMedian), s.p99, s.bareP99,
+                                      ratio(s.p99, s.bareP99)),
+                        "", false);
     }
     return 0;
 }
