@@ -23,6 +23,7 @@
 
 #include "Figures.h"
 #include "Foundation/UserDefaults.h"
+#include "Support/MemoryKeyChainData.h"
 #include "Tovik/KeyChainDataProtocol.h"
 #include "Tovik/Logger/Logger.h"
 #include "Tovik/SecureDefaults.h"
@@ -47,22 +48,6 @@ protected:
 };
 
 /// The sealed storage's key, kept in memory.
-class MemoryKey : public Tovik::KeyChainDataProtocol {
-public:
-    std::string key() const override { return "benchmark-key"; }
-    void setKey(std::string) override {}
-    std::optional<Data> load() override { return value_; }
-    std::optional<Data> get() override { return value_; }
-    bool store(std::optional<Data> value) override {
-        value_ = std::move(value);
-        return true;
-    }
-    std::optional<std::string> getString() override { return std::nullopt; }
-    bool storeString(std::optional<std::string>) override { return false; }
-
-private:
-    std::optional<Data> value_;
-};
 
 fs::path folder;
 std::unique_ptr<UserDefaults> plain, guarded;
@@ -131,7 +116,7 @@ int main(int argc, char** argv) {
     fill(*plain);
     fill(*guarded);
     secure = Tovik::SecureDefaults::make<ProtectedDefaults>(
-        *guarded, "com.velmora.secure", Tovik::SecureStorage::create(std::make_shared<MemoryKey>(), folder / "shadow", 0));
+        *guarded, "com.velmora.secure", Tovik::SecureStorage::create(std::make_shared<TestSupport::MemoryKeyChainData>(), folder / "shadow", 0));
     secure->loadCache();
 
     Figures::MedianReporter reporter;

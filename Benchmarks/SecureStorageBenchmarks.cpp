@@ -43,6 +43,7 @@
 #include "Tovik/SecureStorage.h"
 #include "Figures.h"
 #include "RunInSandbox.h"
+#include "Support/MemoryKeyChainData.h"
 
 namespace {
 
@@ -57,22 +58,6 @@ sqlite3* bare = nullptr;   // the bare UPSERT's connection to the keychain file
 const std::string keyName = "benchmark-key";
 
 /// A key kept in memory: the storage's own cost, without the keychain.
-class MemoryKey : public Tovik::KeyChainDataProtocol {
-public:
-    std::string key() const override { return keyName; }
-    void setKey(std::string) override {}
-    std::optional<Data> load() override { return value_; }
-    std::optional<Data> get() override { return value_; }
-    bool store(std::optional<Data> value) override {
-        value_ = std::move(value);
-        return true;
-    }
-    std::optional<std::string> getString() override { return std::nullopt; }
-    bool storeString(std::optional<std::string>) override { return false; }
-
-private:
-    std::optional<Data> value_;
-};
 
 PropertyList::Dictionary dictionaryOf(char fill, size_t payload) {
     PropertyList::Dictionary dictionary;
@@ -93,7 +78,7 @@ void storeEachTime(benchmark::State& state, std::shared_ptr<Tovik::KeyChainDataP
 }
 
 void BM_SecureStorageStore_MemoryKey(benchmark::State& state) {
-    storeEachTime(state, std::make_shared<MemoryKey>(), "memory.sealed");
+    storeEachTime(state, std::make_shared<TestSupport::MemoryKeyChainData>(), "memory.sealed");
 }
 BENCHMARK(BM_SecureStorageStore_MemoryKey);
 
