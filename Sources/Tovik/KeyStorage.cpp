@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "Tovik/ErrorText.h"
 #include "Tovik/Logger/Logger.h"
 
 namespace Tovik {
@@ -16,16 +17,6 @@ namespace {
 [[noreturn]] void mustBeImplemented() {
     std::fputs("Fatal error: Must be implemented in subclass\n", stderr);
     std::abort();
-}
-
-std::string currentError() {
-    try {
-        throw;
-    } catch (const std::exception& error) {
-        return error.what();
-    } catch (...) {
-        return "unknown error";
-    }
 }
 
 }  // namespace
@@ -49,7 +40,7 @@ void KeyStorageBase::load() {
             std::string_view(reinterpret_cast<const char*>(blob->data()), blob->size()));
         if (!contents) throw std::runtime_error("The data is not a property list");
     } catch (...) {
-        TLOG_ERROR("load()", "Failed to load stored cache: " + currentError());
+        TLOG_ERROR("load()", "Failed to load stored cache: " + errorText(std::current_exception()));
         return;
     }
     const auto* dictionary = contents->get<Dictionary>();
@@ -79,7 +70,7 @@ void KeyStorageBase::store() {
             std::lock_guard guard(lock_);
             dirty_ = true;
         }
-        TLOG_ERROR("store()", "Failed to store cache: " + currentError());
+        TLOG_ERROR("store()", "Failed to store cache: " + errorText(std::current_exception()));
     }
 }
 

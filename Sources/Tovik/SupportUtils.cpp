@@ -15,6 +15,7 @@
 #include <fmt/format.h>
 
 #include "Kernel/FileDescriptor.h"
+#include "Tovik/ErrorText.h"
 #include "Tovik/Logger/LogManager.h"
 #include "Tovik/Logger/Logger.h"
 #include "Tovik/SystemUtils.h"
@@ -39,17 +40,6 @@ const char* kindName(SupportLogArchivingError::Kind kind) {
         case Kind::emptyItemName: return "emptyItemName";
     }
     return "unknown";
-}
-
-std::string errorText(const std::exception_ptr& error) {
-    if (!error) return "no error";
-    try {
-        std::rethrow_exception(error);
-    } catch (const std::exception& e) {
-        return e.what();
-    } catch (...) {
-        return "unknown error";
-    }
 }
 
 // The text of an item value that cannot be saved (neither a string nor data).

@@ -10,6 +10,7 @@
 
 #include "Dispatch/DispatchGroup.h"
 #include "Dispatch/DispatchQueue.h"
+#include "Tovik/ErrorText.h"
 #include "Tovik/Logger/Logger.h"
 #include "Tovik/UnfairLock.h"
 
@@ -34,17 +35,6 @@ std::string typeName(const LogManagerProtocol& manager) {
     std::unique_ptr<char, void (*)(void*)> demangled(abi::__cxa_demangle(mangled, nullptr, nullptr, &status),
                                                      std::free);
     return status == 0 && demangled ? std::string(demangled.get()) : std::string(mangled);
-}
-
-// The text of the exception being handled; call inside a catch block only.
-std::string currentErrorText() {
-    try {
-        throw;
-    } catch (const std::exception& error) {
-        return error.what();
-    } catch (...) {
-        return "unknown error";
-    }
 }
 
 }  // namespace
@@ -78,7 +68,7 @@ std::vector<std::string> LogManager::saveLogs(const LogSubsystemSelector& select
                               std::make_move_iterator(paths.end()));
             } catch (...) {
                 TLOG_ERROR("saveLogs(selecting:inFolder:opts:)",
-                           typeName(*manager) + " Failed to save logs: " + currentErrorText());
+                           typeName(*manager) + " Failed to save logs: " + errorText(std::current_exception()));
             }
         });
     }
@@ -91,7 +81,7 @@ void LogManager::resetLog() {
         try {
             manager->resetLog();
         } catch (...) {
-            TLOG_ERROR("resetLog()", typeName(*manager) + " Failed to reset log: " + currentErrorText());
+            TLOG_ERROR("resetLog()", typeName(*manager) + " Failed to reset log: " + errorText(std::current_exception()));
         }
     }
 }
